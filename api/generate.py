@@ -1,0 +1,582 @@
+#!/usr/bin/env python3
+"""Build-time generator: turns the API description into the regular families
+of code (entry ids and names, function types, command classes, wrappers, the
+host platform's stubs and name tables, the test driver's fakes).
+
+    generate.py --api-dir api --out DIR
+
+Inputs, all in --api-dir:
+  gl.api             one C prototype per GL entry point (extract_gl.py)
+  egl.api            the platform's EGL table: kind, form, prototype
+  gl_kinds.txt       wrapper form and kind per GL name, plus the rule
+  gl_copy_sizes.txt  bytes copied by the "copy" kind
+"""
+import argparse
+import os
+import re
+import sys
+
+PROTO_RE = re.compile(r"^(?P<ret>.+?)\s*\b(?P<name>\w+)\((?P<params>.*)\)\s*$")
+
+
+class Param:
+    def __init__(self, text):
+        m = re.match(r"^(.*?)(\w+)$", text.strip())
+        self.type = m.group(1).strip()
+        self.name = m.group(2)
+        if self.type.endswith("*"):
+            self.type = self.type.replace(" *", "*").replace("*", " *").replace(" *const *", " *const*")
+        self.type = re.sub(r"\s+", " ", self.type).strip()
+
+    @property
+    def is_pointer(self):
+        return "*" in self.type
+
+
+class Entry:
+    def __init__(self, line):
+        m = PROTO_RE.match(line.strip())
+        if not m:
+            raise SystemExit("cannot parse prototype: %r" % line)
+        self.name = m.group("name")
+        self.ret = re.sub(r"\s+", " ", m.group("ret")).strip()
+        params = m.group("params").strip()
+        self.params = [] if params in ("", "void") else [Param(p) for p in split_params(params)]
+        # Filled by classification.
+        self.form = None      # "opt" or "plain"
+        self.kind = None      # recorded, copy, sync, origin, special, bounds
+        self.by_rule = False
+        self.handwritten = False
+        self.plain_too = False
+
+    @property
+    def void(self):
+        return self.ret == "void"
+
+    def decl(self, fname):
+        return "%s %s(%s)" % (self.ret, fname, ", ".join("%s %s" % (p.type, p.name) for p in self.params) or "void")
+
+    def args(self):
+        return ", ".join(p.name for p in self.params)
+
+    def pfn(self):
+        return "kam_pfn_" + self.name
+
+    def wrapper(self, form=None):
+        return "kam_%s%s" % (self.name, "_opt" if (form or self.form) == "opt" else "")
+
+
+def split_params(text):
+    return [p.strip() for p in text.split(",")]
+
+
+def read_lines(path):
+    with open(path) as f:
+        for line in f:
+            line = line.split("#", 1)[0].rstrip()
+            if line.strip():
+                yield line
+
+
+def read_gl(api_dir):
+    return [Entry(l) for l in read_lines(os.path.join(api_dir, "gl.api"))]
+
+
+def read_egl(api_dir):
+    entries = []
+    for line in read_lines(os.path.join(api_dir, "egl.api")):
+        kind, form, proto = line.split(None, 2)
+        e = Entry(proto)
+        e.kind = kind
+        e.plain_too = form.endswith("+plain")
+        e.form = form.split("+")[0]
+        entries.append(e)
+    return entries
+
+
+def read_sections(path):
+    sections, current = {}, None
+    for line in read_lines(path):
+        m = re.match(r"^\[(\w+)\]", line)
+        if m:
+            current = sections.setdefault(m.group(1), [])
+            continue
+        current.extend(line.split())
+    return sections
+
+
+def read_copy_sizes(api_dir):
+    sizes = {}
+    for line in read_lines(os.path.join(api_dir, "gl_copy_sizes.txt")):
+        name, param, expr = line.split(None, 2)
+        sizes[name] = (param, expr.strip())
+    return sizes
+
+
+SECTION_KIND = {
+    "recorded_opt": ("recorded", "opt"),
+    "copy_opt": ("copy", "opt"),
+    "sync_opt": ("sync", "opt"),
+    "origin_opt": ("origin", "opt"),
+    "sync_plain": ("sync", "plain"),
+    "origin_plain": ("origin", "plain"),
+    "recorded_plain": ("recorded", "plain"),
+    "special_opt": ("special", "opt"),
+    "special_plain": ("special", "plain"),
+    "bounds_plain": ("bounds", "plain"),
+}
+
+
+def classify(gl, api_dir):
+    """Gives every GL name its form and kind: the lists first, the rule for
+    the rest. Fails on names the lists know but the API does not."""
+    sections = read_sections(os.path.join(api_dir, "gl_kinds.txt"))
+    by_name = {e.name: e for e in gl}
+    for section, (kind, form) in SECTION_KIND.items():
+        for name in sections.get(section, []):
+            if name not in by_name:
+                raise SystemExit("gl_kinds.txt: %s in [%s] is not in gl.api" % (name, section))
+            e = by_name[name]
+            if e.kind:
+                raise SystemExit("gl_kinds.txt: %s is listed twice" % name)
+            e.kind, e.form = kind, form
+    for e in gl:
+        if e.kind:
+            continue
+        e.by_rule = True
+        if e.void and not any(p.is_pointer for p in e.params):
+            e.kind, e.form = "recorded", "opt"
+        else:
+            e.kind, e.form = "sync", "plain"
+    for name in sections.get("handwritten", []):
+        by_name[name].handwritten = True
+    bridges = set(sections.get("bridges", []))
+    for name in bridges:
+        if name not in by_name:
+            raise SystemExit("gl_kinds.txt: bridge %s is not in gl.api" % name)
+    return bridges
+
+
+# Command classes with bookkeeping of the buffer-mapping shadow; written by hand.
+HANDWRITTEN_BRIDGES = {"glMapBufferRange", "glFlushMappedBufferRange", "glUnmapBuffer", "glVertexAttribPointer"}
+
+HEADER = "// Generated by api/generate.py from the API description. Do not edit.\n"
+
+
+def write(out_dir, name, text):
+    path = os.path.join(out_dir, name)
+    if os.path.exists(path):
+        with open(path) as f:
+            if f.read() == text:
+                return  # keep the timestamp: nothing to rebuild
+    with open(path, "w") as f:
+        f.write(text)
+
+
+# ---------------------------------------------------------------- kam_api.h
+
+def gen_api_header(gl, egl):
+    out = [HEADER, "#pragma once\n",
+           "#include <EGL/egl.h>", "#include <EGL/eglext.h>", "#include <GLES3/gl32.h>",
+           "#include <GLES2/gl2ext.h>", "#include <GLES/gl.h>", "#include <GLES/glext.h>", "",
+           "namespace android {", "", "enum KamGlId : int {"]
+    out += ["    kGl_%s," % e.name for e in gl]
+    out += ["};", "constexpr int kKamGlCount = %d;" % len(gl), "", "enum KamEglId : int {"]
+    out += ["    kEgl_%s," % e.name for e in egl]
+    out += ["};", "constexpr int kKamEglCount = %d;" % len(egl), "",
+            "// Names by id, null terminated.",
+            "extern const char* const kKamGlNames[kKamGlCount + 1];",
+            "extern const char* const kKamEglNames[kKamEglCount + 1];", "", "}  // namespace android", ""]
+    seen = set()
+    for e in gl + egl:
+        if e.name in seen:
+            continue
+        seen.add(e.name)
+        out.append("typedef %s (*%s)(%s);" % (e.ret, e.pfn(), ", ".join("%s %s" % (p.type, p.name) for p in e.params) or "void"))
+    return "\n".join(out) + "\n"
+
+
+def gen_names(gl, egl, namespace, gl_var, egl_var, extern_c=False):
+    out = [HEADER, '#include "kam_api.h"', '#include "%s"' % ("platform/platform.h" if extern_c else "loader/KAMLoader.h"), ""]
+    if extern_c:
+        out.append('extern "C" {')
+    else:
+        out.append("namespace %s {" % namespace)
+    out.append("const char* const %s[] = {" % gl_var)
+    out += ['    "%s",' % e.name for e in gl]
+    out += ["    nullptr,", "};"]
+    out.append("const char* const %s[] = {" % egl_var)
+    out += ['    "%s",' % e.name for e in egl]
+    out += ["    nullptr,", "};"]
+    out.append("}")
+    return "\n".join(out) + "\n"
+
+
+# ------------------------------------------------------------ command classes
+
+def gen_bridges(gl, bridges):
+    out = [HEADER, "#pragma once\n", '#include "loader/KAMLoader.h"', '#include "recording/Bridge.h"', "",
+           "namespace android {", ""]
+    for e in gl:
+        if e.name not in bridges or e.name in HANDWRITTEN_BRIDGES:
+            continue
+        cls = e.name + "_Bridge"
+        out.append("class %s final : public Bridge {" % cls)
+        out.append("public:")
+        if e.params:
+            ctor_args = ", ".join("%s %s_" % (p.type, p.name) for p in e.params)
+            init = ", ".join("%s(%s_)" % (p.name, p.name) for p in e.params)
+            out.append("    %s(%s) : %s {}" % (cls, ctor_args, init))
+        out.append("    void run() override { KAM_GL(%s)(%s); }" % (e.name, e.args()))
+        out.append('    const char* getName() override { return "%s"; }' % e.name)
+        for p in e.params:
+            out.append("    %s %s;" % (p.type, p.name))
+        out.append("};")
+        out.append("")
+    out.append("}  // namespace android")
+    out.append("")
+    out.append('#include "recording/MappingBridges.h"')
+    return "\n".join(out) + "\n"
+
+
+# ------------------------------------------------------------------- wrappers
+
+def size_expr(e, expr):
+    """Widens the integer parameters of a copy-size expression so that a
+    hostile count cannot overflow int arithmetic."""
+    ints = {p.name for p in e.params if not p.is_pointer}
+
+    def widen(m):
+        word = m.group(0)
+        return "static_cast<long long>(%s)" % word if word in ints else word
+    return re.sub(r"\b[A-Za-z_]\w*\b", widen, expr)
+
+
+def sync_body(e, wname):
+    ret = "" if e.void else "return "
+    return "    %sc->mWorker->postSync([&] { return KAM_GL(%s)(%s); }, \"%s\");" % (ret, e.name, e.args(), wname)
+
+
+def passthrough(e, ctx_test=True):
+    ret = "return " if True else ""
+    return ["    KAMContext* c = activeContext();",
+            "    if (__builtin_expect(c == nullptr, 1)) %sKAM_GL(%s)(%s);" % (ret, e.name, e.args())]
+
+
+def gen_gl_wrappers(gl, copy_sizes):
+    by_name = {e.name: e for e in gl}
+    out = [HEADER, "#include <cstring>", "", '#include "kam_bridges.h"', '#include "recording/Record.h"', "",
+           "using namespace android;", "", 'extern "C" {', ""]
+    for e in gl:
+        if e.handwritten or e.kind == "special":
+            continue
+        wname = e.wrapper()
+        head = "KAM_EXPORT %s {" % e.decl(wname)
+        if e.kind == "origin":
+            out += [head, "    return KAM_GL(%s)(%s);" % (e.name, e.args()), "}", ""]
+        elif e.kind == "bounds":
+            target = by_name[e.name[:-len("Bounds")]]
+            out += [head, "    (void)%s;" % e.params[-1].name,
+                    "    %s(%s);" % (target.wrapper(), ", ".join(p.name for p in e.params[:-1])), "}", ""]
+        elif e.kind == "sync" or (e.kind == "copy" and copy_sizes[e.name][1] == "shadow"):
+            out += [head] + passthrough(e) + [sync_body(e, wname), "}", ""]
+        elif e.kind == "recorded":
+            out += [head] + passthrough(e) + ["    kamRecord<%s_Bridge>(c%s);" % (e.name, "".join(", " + p.name for p in e.params)), "}", ""]
+        elif e.kind == "copy":
+            param, expr = copy_sizes[e.name]
+            ptr = next(p for p in e.params if p.name == param)
+            out += [head] + passthrough(e)
+            out += ["    if (kamIsClientMemory(%s)) {" % ptr.name,
+                    "        const long long size = %s;" % size_expr(e, expr),
+                    "        void* copy = size >= 1 ? c->mMemory.malloc(static_cast<size_t>(size), %s) : nullptr;" % ptr.name,
+                    "        if (copy == nullptr) {",
+                    "    " + sync_body(e, wname),
+                    "            return;",
+                    "        }",
+                    "        %s = static_cast<%s>(copy);" % (ptr.name, ptr.type),
+                    "    }",
+                    "    kamRecord<%s_Bridge>(c%s);" % (e.name, "".join(", " + p.name for p in e.params)),
+                    "}", ""]
+        else:
+            raise SystemExit("no wrapper for kind %s of %s" % (e.kind, e.name))
+    out.append("}  // extern \"C\"")
+    return "\n".join(out) + "\n"
+
+
+def gen_gl_wrapper_decls(gl, egl):
+    out = [HEADER, "#pragma once\n", '#include "kam_api.h"', '#include "loader/Export.h"', "",
+           'extern "C" {']
+    for e in gl:
+        out.append("KAM_EXPORT %s;" % e.decl(e.wrapper()))
+        if e.kind == "special" or e.handwritten:
+            pass
+    for e in egl:
+        if e.name.startswith("gl"):
+            continue
+        out.append("KAM_EXPORT %s;" % e.decl(e.wrapper()))
+        if e.plain_too:
+            out.append("KAM_EXPORT %s;" % e.decl(e.wrapper("plain")))
+    out.append("}")
+    return "\n".join(out) + "\n"
+
+
+def gen_egl_wrappers(egl):
+    out = [HEADER, '#include "recording/Record.h"', "", "using namespace android;", "", 'extern "C" {', ""]
+    for e in egl:
+        if e.name.startswith("gl"):
+            continue
+        forms = []
+        if e.kind in ("pass", "sync", "async"):
+            forms.append((e.form, e.kind))
+        if e.plain_too:
+            forms.append(("plain", "sync"))
+        for form, kind in forms:
+            wname = e.wrapper(form)
+            head = "KAM_EXPORT %s {" % e.decl(wname)
+            call = "KAM_EGL(%s)(%s)" % (e.name, e.args())
+            if kind == "pass":
+                out += [head, "    return %s;" % call, "}", ""]
+                continue
+            out += [head, "    KAMContext* c = activeContext();",
+                    "    if (c == nullptr) return %s;" % call]
+            if kind == "sync":
+                ret = "" if e.void else "return "
+                out.append('    %sc->mWorker->postSync([&] { return %s; }, "%s");' % (ret, call, wname))
+            else:
+                captures = ", ".join(p.name for p in e.params)
+                out.append('    c->mWorker->post(new WorkItem("%s", [%s] { %s; }), true);' % (wname, captures, call))
+                if not e.void:
+                    out.append("    return EGL_TRUE;")
+            out += ["}", ""]
+    out.append("}  // extern \"C\"")
+    return "\n".join(out) + "\n"
+
+
+# ------------------------------------------------------------ host platform
+
+def gen_platform_stubs(gl, egl):
+    """Public gl* entry points of the host platform: each jumps through the
+    calling thread's GL table slot, or, for the queries the platform answers
+    itself, through its EGL table."""
+    egl_index = {e.name: i for i, e in enumerate(egl)}
+    out = [HEADER, "#define GL_GLEXT_PROTOTYPES 1", '#include "kam_api.h"', '#include "platform/platform.h"', "",
+           "#ifndef KAM_STUB_VISIBILITY", '#define KAM_STUB_VISIBILITY "default"', "#endif", "",
+           'extern "C" {', ""]
+    for i, e in enumerate(gl):
+        ret = "" if e.void else "return "
+        if e.name in egl_index:
+            table = "kam_platform_egl_table[%d]" % egl_index[e.name]
+        else:
+            table = "kam_platform_gl_table()[%d]" % i
+        out.append("__attribute__((visibility(KAM_STUB_VISIBILITY))) %s {" % e.decl(e.name))
+        out.append("    %sreinterpret_cast<%s>(%s)(%s);" % (ret, e.pfn(), table, e.args()))
+        out.append("}")
+    out.append("")
+    out.append("const kamplatform::PublicProc kam_platform_gl_procs[] = {")
+    for e in sorted(gl, key=lambda e: e.name):
+        out.append('    {"%s", reinterpret_cast<void*>(&%s)},' % (e.name, e.name))
+    out.append("};")
+    out.append("const int kam_platform_gl_proc_count = %d;" % len(gl))
+    out.append("}")
+    return "\n".join(out) + "\n"
+
+
+# Platform EGL implementations written by hand (platform/egl_impl.cpp):
+# everything that creates, destroys or binds the records behind handles.
+PLATFORM_IMPL_HANDWRITTEN = {
+    "eglCreateWindowSurface", "eglCreatePlatformWindowSurface", "eglCreatePixmapSurface",
+    "eglCreatePlatformPixmapSurface", "eglCreatePbufferSurface", "eglCreatePbufferFromClientBuffer",
+    "eglCreateStreamProducerSurfaceKHR", "eglDestroySurface", "eglCreateContext", "eglDestroyContext",
+    "eglMakeCurrent", "eglGetCurrentContext", "eglGetCurrentSurface", "eglGetProcAddress", "eglReleaseThread",
+    "glGetString", "glGetStringi", "glGetBooleanv", "glGetFloatv", "glGetIntegerv", "glGetInteger64v"}
+# Public EGL functions with platform work around the table call.
+PLATFORM_PUBLIC_HANDWRITTEN = {"eglMakeCurrent", "eglSwapBuffers", "eglSwapBuffersWithDamageKHR",
+                               "eglDestroyContext", "eglReleaseThread"}
+
+
+def gen_platform_egl(egl):
+    """The host platform's EGL side: the driver entry points by name, the
+    forwarding implementations that only translate handles, the table in
+    platform order, and the public egl* functions dispatching through it."""
+    out = [HEADER, '#include "kam_api.h"', '#include "platform/platform.h"', "", "namespace kamplatform {", "",
+           "void* gDriverEgl[%d];" % len(egl), "",
+           "// Written by hand in platform/egl_impl.cpp."]
+    out += ["%s;" % e.decl("impl_" + e.name) for e in egl if e.name in PLATFORM_IMPL_HANDWRITTEN]
+    out += ["",
+           "const char* const kDriverEglNames[%d] = {" % len(egl)]
+    out += ['    "%s",' % e.name for e in egl]
+    out += ["};", "", "namespace {", ""]
+    for i, e in enumerate(egl):
+        if e.name in PLATFORM_IMPL_HANDWRITTEN:
+            continue
+        args = []
+        for p in e.params:
+            if p.type == "EGLSurface":
+                args.append("unwrapSurface(%s)" % p.name)
+            elif p.type == "EGLContext":
+                args.append("unwrapContext(%s)" % p.name)
+            else:
+                args.append(p.name)
+        out.append("%s {" % e.decl("impl_" + e.name))
+        out.append("    auto fn = reinterpret_cast<%s>(gDriverEgl[%d]);" % (e.pfn(), i))
+        out.append("    if (fn == nullptr) return%s;" % ("" if e.void else " {}"))
+        out.append("    return fn(%s);" % ", ".join(args))
+        out.append("}")
+    out += ["", "}  // namespace", ""]
+    out.append('extern "C" {')
+    out += ["%s;" % e.decl(e.name) for e in egl if not e.name.startswith("gl")]
+    out.append("}")
+    out.append("void fillEglTable(void** table) {")
+    for i, e in enumerate(egl):
+        out.append("    table[%d] = reinterpret_cast<void*>(&impl_%s);" % (i, e.name))
+    out.append("}")
+    out += ["", "}  // namespace kamplatform", "", "using namespace kamplatform;", "", 'extern "C" {', ""]
+    for i, e in enumerate(egl):
+        if e.name.startswith("gl") or e.name in PLATFORM_PUBLIC_HANDWRITTEN:
+            continue
+        ret = "" if e.void else "return "
+        out.append("KAM_PUBLIC %s {" % e.decl(e.name))
+        out.append("    ensureInit();")
+        out.append("    %sreinterpret_cast<%s>(kam_platform_egl_table[%d])(%s);" % (ret, e.pfn(), i, e.args()))
+        out.append("}")
+    out += ["", "}  // extern \"C\"", "", "namespace kamplatform {",
+            "const PublicProc kPublicEgl[] = {"]
+    for e in sorted(egl, key=lambda e: e.name):
+        if e.name.startswith("gl"):
+            continue
+        out.append('    {"%s", reinterpret_cast<void*>(&::%s)},' % (e.name, e.name))
+    out += ["};", "const int kPublicEglCount = %d;" % sum(1 for e in egl if not e.name.startswith("gl")),
+            "}  // namespace kamplatform"]
+    return "\n".join(out) + "\n"
+
+
+# ------------------------------------------------------------ test driver
+
+def gen_fake_driver(gl, egl):
+    """Origin tables for tests: every entry records its name, arguments and
+    calling thread, and returns a value the test chose."""
+    out = [HEADER, '#include "fake_driver.h"', "", "namespace fake {", "namespace {", ""]
+    seen = set()
+    for e in gl + egl:
+        if e.name in seen:
+            continue
+        seen.add(e.name)
+        out.append("%s {" % e.decl("fake_" + e.name))
+        arglist = ", ".join("bits(%s)" % p.name for p in e.params)
+        out.append('    record("%s", {%s});' % (e.name, arglist))
+        if not e.void:
+            out.append("    return resultAs<%s>();" % e.ret)
+        out.append("}")
+    out += ["", "}  // namespace", ""]
+    out.append("void* const glTable[kGlTableSize] = {")
+    out += ["    reinterpret_cast<void*>(&fake_%s)," % e.name for e in gl]
+    out.append("};")
+    out.append("void* const eglTable[kEglTableSize] = {")
+    out += ["    reinterpret_cast<void*>(&fake_%s)," % e.name for e in egl]
+    out.append("};")
+    out.append("}  // namespace fake")
+    return "\n".join(out) + "\n"
+
+
+def arg_value(entry_index, k):
+    return 0x1000 + entry_index * 16 + k
+
+
+def gen_call_cases(gl, egl):
+    """One case per entry: calls a table entry with distinct arguments and
+    reports what was passed and what came back."""
+    out = [HEADER, '#include "call_cases.h"', "", "namespace cases {", "namespace {", ""]
+
+    def case(e, idx, prefix):
+        lines = ["void %s_%s(void* fn, Outcome& o) {" % (prefix, e.name)]
+        for k, p in enumerate(e.params):
+            v = arg_value(idx, k)
+            if p.is_pointer:
+                lines.append("    %s %s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
+            else:
+                lines.append("    %s %s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
+        lines.append("    o.args = {%s};" % ", ".join("bits(%s)" % p.name for p in e.params))
+        call = "reinterpret_cast<%s>(fn)(%s)" % (e.pfn(), e.args())
+        if e.void:
+            lines.append("    %s;" % call)
+        else:
+            lines.append("    o.result = bits(%s);" % call)
+        lines.append("}")
+        return lines
+
+    for i, e in enumerate(gl):
+        out += case(e, i, "gl")
+    for i, e in enumerate(egl):
+        out += case(e, 0x100 + i, "egl")
+    out += ["", "}  // namespace", ""]
+
+    def row(e, prefix):
+        return '    {"%s", "%s", "%s", %s, %s, &%s_%s},' % (
+            e.name, e.kind, e.form, "true" if e.void else "false", "true" if e.by_rule else "false", prefix, e.name)
+    out.append("const Case glCases[] = {")
+    out += [row(e, "gl") for e in gl]
+    out.append("};")
+    out.append("const Case eglCases[] = {")
+    out += [row(e, "egl") for e in egl]
+    out.append("};")
+    out.append("const int glCaseCount = %d;" % len(gl))
+    out.append("const int eglCaseCount = %d;" % len(egl))
+    out.append("}  // namespace cases")
+    return "\n".join(out) + "\n"
+
+
+def gen_report(gl, egl):
+    from collections import Counter
+    c = Counter((e.kind, e.form) for e in gl)
+    lines = ["GL names: %d (table size 1276)" % len(gl),
+             "classified by the lists: %d, by the rule: %d" % (sum(not e.by_rule for e in gl), sum(e.by_rule for e in gl))]
+    for (kind, form), n in sorted(c.items()):
+        lines.append("  %-9s %-5s %d" % (kind, form, n))
+    lines.append("by rule:")
+    lines.append("  recorded: " + " ".join(e.name for e in gl if e.by_rule and e.kind == "recorded"))
+    lines.append("  sync:     " + " ".join(e.name for e in gl if e.by_rule and e.kind == "sync"))
+    lines.append("EGL table: %d entries" % len(egl))
+    return "\n".join(lines) + "\n"
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--api-dir", required=True)
+    ap.add_argument("--out", required=True)
+    ap.add_argument("--report", action="store_true", help="print the classification summary and exit")
+    a = ap.parse_args()
+
+    gl = read_gl(a.api_dir)
+    egl = read_egl(a.api_dir)
+    if len(gl) > 1276:
+        raise SystemExit("%d GL names do not fit the platform's table of 1276" % len(gl))
+    if len(egl) != 86:
+        raise SystemExit("the platform's EGL table has 86 entries, egl.api has %d" % len(egl))
+    bridges = classify(gl, a.api_dir)
+    copy_sizes = read_copy_sizes(a.api_dir)
+    for e in gl:
+        if e.kind == "copy" and e.name not in copy_sizes:
+            raise SystemExit("%s is a copy wrapper without a size in gl_copy_sizes.txt" % e.name)
+        if e.kind in ("recorded", "copy"):
+            bridges.add(e.name)
+    if a.report:
+        sys.stdout.write(gen_report(gl, egl))
+        return
+
+    os.makedirs(a.out, exist_ok=True)
+    write(a.out, "kam_api.h", gen_api_header(gl, egl))
+    write(a.out, "kam_names.cpp", gen_names(gl, egl, "android", "kKamGlNames", "kKamEglNames"))
+    write(a.out, "kam_bridges.h", gen_bridges(gl, bridges))
+    write(a.out, "kam_wrappers.h", gen_gl_wrapper_decls(gl, egl))
+    write(a.out, "kam_gl_wrappers.cpp", gen_gl_wrappers(gl, copy_sizes))
+    write(a.out, "kam_egl_wrappers.cpp", gen_egl_wrappers(egl))
+    write(a.out, "platform_names.cpp", gen_names(gl, egl, None, "kam_platform_gl_names", "kam_platform_egl_names", extern_c=True))
+    write(a.out, "platform_gl_stubs.cpp", gen_platform_stubs(gl, egl))
+    write(a.out, "platform_egl.cpp", gen_platform_egl(egl))
+    write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
+    write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
+    write(a.out, "classification.txt", gen_report(gl, egl))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,551 @@
+// The hand-written half of the host platform: driver loading, the records
+// behind context and surface handles, make-current bookkeeping, the GL table
+// slot, and the calls into the layer (init, initMTR, make-current hooks and
+// the frame boundary).
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include <GLES3/gl32.h>
+#include <log/log.h>
+
+#include "loader/KAMLoader.h"
+#include "platform/platform.h"
+#include "runtime/KAMContext.h"
+#include "runtime/KAMManager.h"
+#include "runtime/PlatformRecords.h"
+
+using android::KAMManager;
+using android::PlatformContextRecord;
+using android::PlatformSurfaceRecord;
+
+extern "C" {
+KAM_PUBLIC __thread void* kam_platform_gl_slot __attribute__((tls_model("initial-exec"))) = nullptr;
+KAM_PUBLIC void* kam_platform_egl_table[86];
+KAM_PUBLIC void* kam_platform_no_context_table[1276];
+}
+
+namespace kamplatform {
+namespace {
+
+constexpr uintptr_t kContextMagic = 0x4b414d43;  // "KAMC"
+constexpr uintptr_t kSurfaceMagic = 0x4b414d53;  // "KAMS"
+
+struct ContextRec : PlatformContextRecord {
+    int boundThreads = 0;
+    bool destroyed = false;
+    bool extensionsLoaded = false;
+};
+
+struct SurfaceRec : PlatformSurfaceRecord {
+    int boundThreads = 0;
+    bool destroyed = false;
+};
+
+// Live handles. A destroyed record leaves the set at once (the handle is
+// invalid from then on) but its memory stays until no thread has it bound.
+std::mutex gLock;
+std::unordered_set<const void*> gContexts;
+std::unordered_set<const void*> gSurfaces;
+// Offload contexts of destroyed application contexts, released by the public
+// eglDestroyContext on the caller's thread: the table entry may run on the
+// layer's worker, which must never end up joining itself.
+std::vector<android::sp<android::KAMContext>> gReleasedLayerContexts;
+
+void* gDriverGl[1276];
+void** gDriverGlTable() { return gDriverGl; }
+pthread_once_t gInitOnce = PTHREAD_ONCE_INIT;
+
+struct ThreadState {
+    ContextRec* context = nullptr;
+    SurfaceRec* draw = nullptr;
+    SurfaceRec* read = nullptr;
+};
+thread_local ThreadState tState;
+
+template <class F>
+F driverGl(android::KamGlId id) {
+    return reinterpret_cast<F>(gDriverGl[id]);
+}
+
+template <class F>
+F driverEgl(android::KamEglId id) {
+    return reinterpret_cast<F>(gDriverEgl[id]);
+}
+
+ContextRec* findContext(const void* handle) {
+    return handle && gContexts.count(handle) ? static_cast<ContextRec*>(const_cast<void*>(handle)) : nullptr;
+}
+
+SurfaceRec* findSurface(const void* handle) {
+    return handle && gSurfaces.count(handle) ? static_cast<SurfaceRec*>(const_cast<void*>(handle)) : nullptr;
+}
+
+void freeIfUnused(ContextRec* r) {
+    if (r && r->destroyed && r->boundThreads == 0) delete r;
+}
+
+void freeIfUnused(SurfaceRec* s) {
+    if (s && s->destroyed && s->boundThreads == 0) delete s;
+}
+
+// Rebinds this thread's records under gLock; the previous ones may go now.
+void rebind(ContextRec* ctx, SurfaceRec* draw, SurfaceRec* read) {
+    ThreadState old = tState;
+    if (ctx) ctx->boundThreads++;
+    if (draw) draw->boundThreads++;
+    if (read) read->boundThreads++;
+    tState = {ctx, draw, read};
+    if (old.context) old.context->boundThreads--;
+    if (old.draw) old.draw->boundThreads--;
+    if (old.read) old.read->boundThreads--;
+    freeIfUnused(old.context);
+    freeIfUnused(old.draw);
+    if (old.read != old.draw) freeIfUnused(old.read);
+}
+
+void noContextCall() {
+    static bool warned = false;
+    if (!warned) {
+        warned = true;
+        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "call to OpenGL ES API with no current context");
+    }
+}
+
+void unimplementedCall() {
+    static bool warned = false;
+    if (!warned) {
+        warned = true;
+        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "called an OpenGL ES entry point the driver lacks");
+    }
+}
+
+void* openOrDie(const char* path) {
+    // Deep binding keeps the system library's own calls inside it: its
+    // exported names are also ours, and ours come first in the global scope.
+    void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+    if (!handle) {
+        fprintf(stderr, "kam platform: cannot load the system library %s: %s\n", path, dlerror());
+        abort();
+    }
+    return handle;
+}
+
+bool envFlag(const char* name) {
+    const char* v = getenv(name);
+    return v && *v && strcmp(v, "0") != 0;
+}
+
+void initOnce() {
+    void* egl = openOrDie(KAM_SYSTEM_EGL);
+    void* gles2 = openOrDie(KAM_SYSTEM_GLESV2);
+    void* gles1 = openOrDie(KAM_SYSTEM_GLESV1);
+    auto getProc = reinterpret_cast<kam_pfn_eglGetProcAddress>(dlsym(egl, "eglGetProcAddress"));
+
+    for (int i = 0; i < android::kKamEglCount; ++i) {
+        const char* name = kDriverEglNames[i];
+        void* p = dlsym(name[0] == 'g' ? gles2 : egl, name);
+        if (!p && getProc) p = reinterpret_cast<void*>(getProc(name));
+        gDriverEgl[i] = p;
+    }
+    for (int i = 0; i < android::kKamGlCount; ++i) {
+        const char* name = kam_platform_gl_names[i];
+        void* p = dlsym(gles2, name);
+        if (!p) p = dlsym(gles1, name);
+        if (!p && getProc) p = reinterpret_cast<void*>(getProc(name));
+        gDriverGl[i] = p ? p : reinterpret_cast<void*>(&unimplementedCall);
+    }
+    // Calls without a current context are bugs of the application: they are
+    // answered with zeros, like Android does.
+    for (void*& entry : kam_platform_no_context_table) entry = reinterpret_cast<void*>(&noContextCall);
+    fillEglTable(kam_platform_egl_table);
+
+    if (envFlag("KAM_VERBOSE")) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+
+    android::KAMLoader::getInstance()->init(kam_platform_egl_names, kam_platform_egl_table, kam_platform_gl_names,
+                                            gDriverGl, kam_platform_no_context_table);
+    const char* name = getenv("KAM_PROCESS_NAME");
+    KAMManager::INSTANCE->initMTR(name && *name ? name : program_invocation_short_name, envFlag("KAM_DEBUGGABLE"),
+                                  getenv("KAM_ARGS") ? getenv("KAM_ARGS") : "");
+    if (envFlag("KAM_OFF")) KAMManager::INSTANCE->updateMTR(0);
+}
+
+int clientVersion(const EGLint* attribs) {
+    for (const EGLint* a = attribs; a && *a != EGL_NONE; a += 2) {
+        if (a[0] == EGL_CONTEXT_CLIENT_VERSION) return a[1];  // same value as EGL_CONTEXT_MAJOR_VERSION
+    }
+    return 1;
+}
+
+void loadExtensions(ContextRec* r) {
+    auto getString = driverGl<kam_pfn_glGetString>(android::kGl_glGetString);
+    const GLubyte* ext = getString(GL_EXTENSIONS);
+    r->extensions = ext ? reinterpret_cast<const char*>(ext) : "";
+    r->extensionList.clear();
+    size_t pos = 0;
+    while (pos < r->extensions.size()) {
+        size_t space = r->extensions.find(' ', pos);
+        if (space == std::string::npos) space = r->extensions.size();
+        if (space > pos) r->extensionList.push_back(r->extensions.substr(pos, space - pos));
+        pos = space + 1;
+    }
+    r->extensionsLoaded = true;
+}
+
+EGLSurface wrapSurface(EGLDisplay dpy, EGLConfig config, EGLSurface driverSurface, void* nativeWindow) {
+    if (driverSurface == EGL_NO_SURFACE) return EGL_NO_SURFACE;
+    auto* s = new SurfaceRec();
+    s->magic = reinterpret_cast<void*>(kSurfaceMagic);
+    s->driverSurface = driverSurface;
+    s->display = dpy;
+    s->config = config;
+    s->nativeWindow = nativeWindow;
+    std::lock_guard<std::mutex> guard(gLock);
+    gSurfaces.insert(s);
+    return s;
+}
+
+}  // namespace
+
+// ------------------------------------------------ table entries written by hand
+
+EGLSurface impl_eglCreateWindowSurface(EGLDisplay dpy, EGLConfig config, EGLNativeWindowType win,
+                                       const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreateWindowSurface>(android::kEgl_eglCreateWindowSurface);
+    // An X11 window is an XID: any non-zero value marks a window surface.
+    return wrapSurface(dpy, config, fn(dpy, config, win, attribs), reinterpret_cast<void*>(win));
+}
+
+EGLSurface impl_eglCreatePlatformWindowSurface(EGLDisplay dpy, EGLConfig config, void* window,
+                                               const EGLAttrib* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreatePlatformWindowSurface>(android::kEgl_eglCreatePlatformWindowSurface);
+    return wrapSurface(dpy, config, fn(dpy, config, window, attribs), window);
+}
+
+EGLSurface impl_eglCreatePixmapSurface(EGLDisplay dpy, EGLConfig config, EGLNativePixmapType pixmap,
+                                       const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreatePixmapSurface>(android::kEgl_eglCreatePixmapSurface);
+    return wrapSurface(dpy, config, fn(dpy, config, pixmap, attribs), nullptr);
+}
+
+EGLSurface impl_eglCreatePlatformPixmapSurface(EGLDisplay dpy, EGLConfig config, void* pixmap,
+                                               const EGLAttrib* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreatePlatformPixmapSurface>(android::kEgl_eglCreatePlatformPixmapSurface);
+    return wrapSurface(dpy, config, fn(dpy, config, pixmap, attribs), nullptr);
+}
+
+EGLSurface impl_eglCreatePbufferSurface(EGLDisplay dpy, EGLConfig config, const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreatePbufferSurface>(android::kEgl_eglCreatePbufferSurface);
+    return wrapSurface(dpy, config, fn(dpy, config, attribs), nullptr);
+}
+
+EGLSurface impl_eglCreatePbufferFromClientBuffer(EGLDisplay dpy, EGLenum type, EGLClientBuffer buffer,
+                                                 EGLConfig config, const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreatePbufferFromClientBuffer>(android::kEgl_eglCreatePbufferFromClientBuffer);
+    if (!fn) return EGL_NO_SURFACE;
+    return wrapSurface(dpy, config, fn(dpy, type, buffer, config, attribs), nullptr);
+}
+
+EGLSurface impl_eglCreateStreamProducerSurfaceKHR(EGLDisplay dpy, EGLConfig config, EGLStreamKHR stream,
+                                                  const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreateStreamProducerSurfaceKHR>(
+        android::kEgl_eglCreateStreamProducerSurfaceKHR);
+    if (!fn) return EGL_NO_SURFACE;
+    return wrapSurface(dpy, config, fn(dpy, config, stream, attribs), nullptr);
+}
+
+EGLBoolean impl_eglDestroySurface(EGLDisplay dpy, EGLSurface surface) {
+    auto fn = driverEgl<kam_pfn_eglDestroySurface>(android::kEgl_eglDestroySurface);
+    std::lock_guard<std::mutex> guard(gLock);
+    SurfaceRec* s = findSurface(surface);
+    EGLBoolean ok = fn(dpy, s ? s->driverSurface : surface);
+    if (ok && s) {
+        gSurfaces.erase(s);
+        s->destroyed = true;
+        freeIfUnused(s);
+    }
+    return ok;
+}
+
+EGLContext impl_eglCreateContext(EGLDisplay dpy, EGLConfig config, EGLContext share, const EGLint* attribs) {
+    auto fn = driverEgl<kam_pfn_eglCreateContext>(android::kEgl_eglCreateContext);
+    EGLContext driverContext = fn(dpy, config, unwrapContext(share), attribs);
+    if (driverContext == EGL_NO_CONTEXT) return EGL_NO_CONTEXT;
+    auto* r = new ContextRec();
+    r->magic = reinterpret_cast<void*>(kContextMagic);
+    r->driverContext = driverContext;
+    r->config = config;
+    r->display = dpy;
+    r->clientVersion = clientVersion(attribs);
+    prctl(PR_GET_NAME, r->creatorName, 0, 0, 0);
+    std::lock_guard<std::mutex> guard(gLock);
+    gContexts.insert(r);
+    return r;
+}
+
+EGLBoolean impl_eglDestroyContext(EGLDisplay dpy, EGLContext ctx) {
+    auto fn = driverEgl<kam_pfn_eglDestroyContext>(android::kEgl_eglDestroyContext);
+    std::lock_guard<std::mutex> guard(gLock);
+    ContextRec* r = findContext(ctx);
+    EGLBoolean ok = fn(dpy, r ? r->driverContext : ctx);
+    if (ok && r) {
+        gContexts.erase(r);
+        r->destroyed = true;
+        if (r->kamContext != nullptr) gReleasedLayerContexts.push_back(std::move(r->kamContext));
+        freeIfUnused(r);
+    }
+    return ok;
+}
+
+EGLBoolean impl_eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
+    auto fn = driverEgl<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent);
+    std::unique_lock<std::mutex> guard(gLock);
+    ContextRec* r = findContext(ctx);
+    SurfaceRec* d = findSurface(draw);
+    SurfaceRec* rd = findSurface(read);
+    EGLBoolean ok = fn(dpy, d ? d->driverSurface : draw, rd ? rd->driverSurface : read, r ? r->driverContext : ctx);
+    if (!ok) return ok;
+    // The context keeps the surfaces it was last bound with, also when it is
+    // released: the layer binds them again when offload stops.
+    if (r) {
+        r->draw = draw;
+        r->read = read;
+    }
+    rebind(r, d, rd);
+    guard.unlock();
+    if (r && !r->extensionsLoaded) loadExtensions(r);
+    return ok;
+}
+
+EGLContext impl_eglGetCurrentContext() { return tState.context; }
+
+EGLSurface impl_eglGetCurrentSurface(EGLint readdraw) {
+    if (readdraw == EGL_DRAW) return tState.draw;
+    if (readdraw == EGL_READ) return tState.read;
+    return EGL_NO_SURFACE;
+}
+
+EGLBoolean impl_eglReleaseThread() {
+    auto fn = driverEgl<kam_pfn_eglReleaseThread>(android::kEgl_eglReleaseThread);
+    EGLBoolean ok = fn();
+    std::lock_guard<std::mutex> guard(gLock);
+    rebind(nullptr, nullptr, nullptr);
+    return ok;
+}
+
+namespace {
+template <class T>
+T* bsearchProc(T* procs, int count, const char* name) {
+    int lo = 0, hi = count - 1;
+    while (lo <= hi) {
+        int mid = (lo + hi) / 2;
+        int c = strcmp(procs[mid].name, name);
+        if (c == 0) return &procs[mid];
+        if (c < 0) lo = mid + 1; else hi = mid - 1;
+    }
+    return nullptr;
+}
+
+// GL queries the platform answers from its records.
+ContextRec* current() { return tState.context; }
+}  // namespace
+
+const GLubyte* impl_glGetString(GLenum name) {
+    ContextRec* r = current();
+    if (name == GL_EXTENSIONS && r && r->extensionsLoaded) return reinterpret_cast<const GLubyte*>(r->extensions.c_str());
+    return driverGl<kam_pfn_glGetString>(android::kGl_glGetString)(name);
+}
+
+const GLubyte* impl_glGetStringi(GLenum name, GLuint index) {
+    ContextRec* r = current();
+    if (name == GL_EXTENSIONS && r && r->extensionsLoaded)
+        return index < r->extensionList.size() ? reinterpret_cast<const GLubyte*>(r->extensionList[index].c_str())
+                                               : nullptr;
+    return driverGl<kam_pfn_glGetStringi>(android::kGl_glGetStringi)(name, index);
+}
+
+namespace {
+template <class T, class F>
+void stateQuery(android::KamGlId id, GLenum pname, T* data) {
+    ContextRec* r = current();
+    if (pname == GL_NUM_EXTENSIONS && r && r->extensionsLoaded) {
+        *data = static_cast<T>(r->extensionList.size());
+        return;
+    }
+    driverGl<F>(id)(pname, data);
+}
+
+}  // namespace
+
+void impl_glGetBooleanv(GLenum p, GLboolean* d) { stateQuery<GLboolean, kam_pfn_glGetBooleanv>(android::kGl_glGetBooleanv, p, d); }
+void impl_glGetFloatv(GLenum p, GLfloat* d) { stateQuery<GLfloat, kam_pfn_glGetFloatv>(android::kGl_glGetFloatv, p, d); }
+void impl_glGetIntegerv(GLenum p, GLint* d) { stateQuery<GLint, kam_pfn_glGetIntegerv>(android::kGl_glGetIntegerv, p, d); }
+void impl_glGetInteger64v(GLenum p, GLint64* d) { stateQuery<GLint64, kam_pfn_glGetInteger64v>(android::kGl_glGetInteger64v, p, d); }
+
+void ensureInit() { pthread_once(&gInitOnce, initOnce); }
+
+EGLSurface unwrapSurface(EGLSurface surface) {
+    std::lock_guard<std::mutex> guard(gLock);
+    SurfaceRec* s = findSurface(surface);
+    return s ? s->driverSurface : surface;
+}
+
+EGLContext unwrapContext(EGLContext context) {
+    std::lock_guard<std::mutex> guard(gLock);
+    ContextRec* r = findContext(context);
+    return r ? r->driverContext : context;
+}
+
+// Validated views for the layer's hooks: the layer reads the records behind
+// these handles, so it only ever gets live ones.
+void* liveContext(EGLContext ctx) {
+    std::lock_guard<std::mutex> guard(gLock);
+    return findContext(ctx);
+}
+
+void* liveSurface(EGLSurface surface) {
+    std::lock_guard<std::mutex> guard(gLock);
+    return findSurface(surface);
+}
+
+void releaseLayerContexts() {
+    std::vector<android::sp<android::KAMContext>> released;
+    {
+        std::lock_guard<std::mutex> guard(gLock);
+        released.swap(gReleasedLayerContexts);
+    }
+    released.clear();  // the offload contexts go here, on the caller's thread
+}
+
+// EXT spellings that applications fetch by name; they create records like the
+// core calls do. Not part of the layer's table.
+EGLDisplay extGetPlatformDisplay(EGLenum platform, void* native, const EGLint* attribs) {
+    ensureInit();
+    auto fn = reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(
+        driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress)("eglGetPlatformDisplayEXT"));
+    return fn ? fn(platform, native, attribs) : EGL_NO_DISPLAY;
+}
+
+EGLSurface extCreatePlatformWindowSurface(EGLDisplay dpy, EGLConfig config, void* window, const EGLint* attribs) {
+    ensureInit();
+    auto fn = reinterpret_cast<PFNEGLCREATEPLATFORMWINDOWSURFACEEXTPROC>(
+        driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress)("eglCreatePlatformWindowSurfaceEXT"));
+    return fn ? wrapSurface(dpy, config, fn(dpy, config, window, attribs), window) : EGL_NO_SURFACE;
+}
+
+EGLSurface extCreatePlatformPixmapSurface(EGLDisplay dpy, EGLConfig config, void* pixmap, const EGLint* attribs) {
+    ensureInit();
+    auto fn = reinterpret_cast<PFNEGLCREATEPLATFORMPIXMAPSURFACEEXTPROC>(
+        driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress)("eglCreatePlatformPixmapSurfaceEXT"));
+    return fn ? wrapSurface(dpy, config, fn(dpy, config, pixmap, attribs), nullptr) : EGL_NO_SURFACE;
+}
+
+const PublicProc kExtensionEgl[] = {
+    {"eglCreatePlatformPixmapSurfaceEXT", reinterpret_cast<void*>(&extCreatePlatformPixmapSurface)},
+    {"eglCreatePlatformWindowSurfaceEXT", reinterpret_cast<void*>(&extCreatePlatformWindowSurface)},
+    {"eglGetPlatformDisplayEXT", reinterpret_cast<void*>(&extGetPlatformDisplay)},
+};
+const int kExtensionEglCount = sizeof(kExtensionEgl) / sizeof(kExtensionEgl[0]);
+
+__eglMustCastToProperFunctionPointerType impl_eglGetProcAddress(const char* name) {
+    if (!name) return nullptr;
+    if (name[0] == 'g' && name[1] == 'l') {
+        const PublicProc* p = bsearchProc(kam_platform_gl_procs, kam_platform_gl_proc_count, name);
+        return p ? reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc) : nullptr;
+    }
+    if (const PublicProc* p = bsearchProc(kPublicEgl, kPublicEglCount, name))
+        return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
+    if (const PublicProc* p = bsearchProc(kExtensionEgl, kExtensionEglCount, name))
+        return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
+    // Anything else takes no context or surface record: the driver's own.
+    auto getProc = driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress);
+    return getProc ? getProc(name) : nullptr;
+}
+
+}  // namespace kamplatform
+
+using namespace kamplatform;
+
+template <class F>
+static F tableEntry(android::KamEglId id) {
+    return reinterpret_cast<F>(kam_platform_egl_table[id]);
+}
+
+extern "C" {
+
+// Make-current: the platform points the thread's GL slot at its own table
+// first; the layer's hooks run around the table call and may re-point it at
+// the layer (attach) or at the no-context table (detach). The table entry
+// itself never touches the slot, so the layer's own make-currents on the
+// worker and the placeholder leave it alone.
+KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
+    ensureInit();
+    void* record = liveContext(ctx);
+    kam_platform_gl_slot = record ? static_cast<void*>(gDriverGlTable()) : static_cast<void*>(kam_platform_no_context_table);
+    if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPre(record, liveSurface(draw));
+    EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
+    if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
+    return ok;
+}
+
+// The frame boundary comes before the swap is queued: the application thread
+// waits for the frame's commands, then hands the swap to the worker and goes
+// on with the next frame while the driver presents.
+KAM_PUBLIC EGLBoolean eglSwapBuffers(EGLDisplay dpy, EGLSurface surface) {
+    ensureInit();
+    KAMManager::INSTANCE->swapBuffers();
+    return tableEntry<kam_pfn_eglSwapBuffers>(android::kEgl_eglSwapBuffers)(dpy, surface);
+}
+
+KAM_PUBLIC EGLBoolean eglSwapBuffersWithDamageKHR(EGLDisplay dpy, EGLSurface surface, EGLint* rects, EGLint n) {
+    ensureInit();
+    KAMManager::INSTANCE->swapBuffers();
+    return tableEntry<kam_pfn_eglSwapBuffersWithDamageKHR>(android::kEgl_eglSwapBuffersWithDamageKHR)(dpy, surface,
+                                                                                                      rects, n);
+}
+
+KAM_PUBLIC EGLBoolean eglDestroyContext(EGLDisplay dpy, EGLContext ctx) {
+    ensureInit();
+    EGLBoolean ok = tableEntry<kam_pfn_eglDestroyContext>(android::kEgl_eglDestroyContext)(dpy, ctx);
+    releaseLayerContexts();
+    return ok;
+}
+
+KAM_PUBLIC EGLBoolean eglReleaseThread(void) {
+    ensureInit();
+    kam_platform_gl_slot = kam_platform_no_context_table;
+    EGLBoolean ok = tableEntry<kam_pfn_eglReleaseThread>(android::kEgl_eglReleaseThread)();
+    KAMManager::INSTANCE->makeCurrentPost(nullptr);
+    return ok;
+}
+
+KAM_PUBLIC EGLDisplay eglGetPlatformDisplayEXT(EGLenum platform, void* native, const EGLint* attribs) {
+    return extGetPlatformDisplay(platform, native, attribs);
+}
+
+KAM_PUBLIC EGLSurface eglCreatePlatformWindowSurfaceEXT(EGLDisplay dpy, EGLConfig config, void* window,
+                                                        const EGLint* attribs) {
+    return extCreatePlatformWindowSurface(dpy, config, window, attribs);
+}
+
+KAM_PUBLIC EGLSurface eglCreatePlatformPixmapSurfaceEXT(EGLDisplay dpy, EGLConfig config, void* pixmap,
+                                                        const EGLint* attribs) {
+    return extCreatePlatformPixmapSurface(dpy, config, pixmap, attribs);
+}
+
+KAM_PUBLIC void kam_platform_update_mtr(int flags) {
+    ensureInit();
+    KAMManager::INSTANCE->updateMTR(flags);
+}
+
+}  // extern "C"

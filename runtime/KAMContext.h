@@ -1,0 +1,58 @@
+#pragma once
+
+#include "loader/Export.h"
+
+#include <EGL/egl.h>
+#include <EGL/eglext.h>
+
+#include <cstdint>
+
+#include <utils/RefBase.h>
+
+#include "egl/FpsUpdater.h"
+#include "shadow/Bindings.h"
+#include "shadow/ClientArray.h"
+#include "shadow/GLCaches.h"
+#include "shadow/Params.h"
+#include "transport/KAMMemory.h"
+#include "transport/KAMWorker.h"
+
+namespace android {
+
+class KAMThreadLocal;
+
+// The layer's shadow of one application EGL context that may be offloaded:
+// owns the worker, the frame arena, the shadow state and the placeholder
+// context that the application thread sits on while the worker holds the real
+// one.
+class KAM_EXPORT KAMContext : public virtual RefBase {
+public:
+    static constexpr int kAttribSlots = 16;
+
+    KAMContext(void* eglContext, bool clientArrays);
+    ~KAMContext() override;
+
+    void startWorker();
+    bool createEgl();
+    void swapBuffer();
+    void attachTLS(KAMThreadLocal* tls);
+
+    Params mParams;
+    ClientArray** mAttribArrays = nullptr;
+    Bindings mBindings;
+    FpsUpdater mFps;
+    GLCaches mCaches;
+    KAMMemory mMemory;
+    int32_t mActive = 0;
+    sp<KAMWorker> mWorker;
+    wp<KAMThreadLocal> mTls;
+    void* mEglContext = nullptr;
+    EGLDisplay mDisplay = EGL_NO_DISPLAY;
+    EGLContext mPlaceholderContext = EGL_NO_CONTEXT;
+    EGLSurface mPlaceholderSurface = EGL_NO_SURFACE;
+    EGLSyncKHR mFrameFence = EGL_NO_SYNC_KHR;
+    bool mClientArrays = false;
+    uint32_t mFrameCount = 0;
+};
+
+}  // namespace android

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "loader/Export.h"
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+#include <utils/RefBase.h>
+
+namespace android {
+
+class KAMContext;
+
+// Per-thread record, owned by the thread-local slot __tls. mActiveContext is
+// the one field every GL wrapper tests.
+class KAM_EXPORT KAMThreadLocal : public virtual RefBase {
+public:
+    KAMThreadLocal() = default;
+    ~KAMThreadLocal() override;
+
+    void attachContext(KAMContext* ctx);
+
+    std::string mName;
+    int32_t mTid = 0;
+    bool mSkip = false;
+    std::function<void(std::string&, int, void*)> mOnRelease;
+    void* mEglContext = nullptr;
+    KAMContext* mContext = nullptr;
+    KAMContext* mActiveContext = nullptr;
+};
+
+// Released by the runtime's thread-exit destructor list when the thread ends.
+extern KAM_EXPORT thread_local sp<KAMThreadLocal> __tls;
+
+// The wrappers' first step: the context to record into, or null to pass
+// through.
+inline KAMContext* activeContext() {
+    KAMThreadLocal* t = __tls.get();
+    return t ? t->mActiveContext : nullptr;
+}
+
+}  // namespace android

@@ -1,0 +1,90 @@
+#include "transport/KAMWorker.h"
+
+#include <sys/prctl.h>
+
+#include <cutils/trace.h>
+#include <log/log.h>
+
+#include "recording/Bridge.h"
+#include "runtime/KAMLog.h"
+
+extern "C" {
+// Declared by cutils/trace.h only inside its inline helpers.
+void atrace_begin_body(const char* name);
+void atrace_end_body();
+}
+
+namespace android {
+
+KAMWorker::KAMWorker() : Thread(false) { sem_init(&mWakeSem, 0, 0); }
+
+KAMWorker::~KAMWorker() {
+    // Items still queued belong to a frame that will never be replayed: their
+    // memory is the arena's (bridges) or lost with the process shutting the
+    // context down, so they are neither run nor freed here.
+    std::vector<WorkItem*>().swap(mQueue);
+    std::vector<WorkItem*>().swap(mSpareQueue);
+    sem_destroy(&mWakeSem);
+}
+
+void KAMWorker::post(WorkItem* item, bool sync) {
+    lockQueue();
+    mQueue.push_back(item);
+    unlockQueue();
+    bump(mPending);
+    bump(mFrameCount);
+    if (sync) {
+        const char* name = item->bridge ? item->bridge->getName() : item->name;
+        if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_begin_body(name);
+        if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_end_body();
+    } else if (mPending.load(std::memory_order_relaxed) <= kWakeBatch) {
+        return;
+    }
+    wake();
+}
+
+void KAMWorker::wake() {
+    mPending.store(0, std::memory_order_relaxed);
+    int value = 0;
+    sem_getvalue(&mWakeSem, &value);
+    if (value == 0) sem_post(&mWakeSem);
+}
+
+void KAMWorker::setName(std::string name) {
+    KAM_LOGD("KAMWorker setName to %s", name.c_str());
+    post(new WorkItem("setName", [n = std::move(name)] { prctl(PR_SET_NAME, n.c_str(), 0, 0, 0); }), false);
+}
+
+bool KAMWorker::threadLoop() {
+    while (!exitPending()) process();
+    return false;
+}
+
+void KAMWorker::process() {
+    mPending.store(0, std::memory_order_relaxed);
+    lockQueue();
+    if (mQueue.empty()) {
+        unlockQueue();
+        sem_wait(&mWakeSem);
+        return;
+    }
+    std::vector<WorkItem*> taken(std::move(mQueue));
+    mQueue = std::vector<WorkItem*>();
+    unlockQueue();
+
+    for (WorkItem* item : taken) {
+        if (Bridge* b = item->bridge) {
+            b->run();
+            mLastName.store(b->getName(), std::memory_order_relaxed);
+        } else {
+            item->func();  // an empty function throws: fatal, as intended
+            mLastName.store(item->name, std::memory_order_relaxed);
+            delete item;
+        }
+    }
+    std::vector<WorkItem*>().swap(taken);
+
+    if (mPending.load(std::memory_order_relaxed) < 1) sem_wait(&mWakeSem);
+}
+
+}  // namespace android

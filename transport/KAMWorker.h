@@ -1,0 +1,83 @@
+#pragma once
+
+#include "loader/Export.h"
+
+#include <semaphore.h>
+
+#include <atomic>
+#include <cstdint>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <utils/Thread.h>
+
+#include "transport/WorkItem.h"
+
+namespace android {
+
+// The replay thread of one offloaded context. One producer (the application
+// thread that owns the context) and one consumer (this thread).
+class KAM_EXPORT KAMWorker : public Thread {
+public:
+    // Asynchronous posts wake the worker only once this many have piled up.
+    static constexpr int32_t kWakeBatch = 128;
+
+    KAMWorker();
+    ~KAMWorker() override;
+
+    void post(WorkItem* item, bool sync);
+
+    // Runs f on the worker and waits for it; everything f captures by
+    // reference stays alive because the caller is blocked meanwhile.
+    template <class F>
+    auto postSync(F&& f, const char* name) -> decltype(f()) {
+        using R = decltype(f());
+        std::packaged_task<R()> task(std::forward<F>(f));
+        std::future<R> done = task.get_future();
+        post(new WorkItem(name, [t = &task] { (*t)(); }), true);
+        return done.get();
+    }
+
+    void setName(std::string name);
+    void swapBuffer() { mFrameCount.store(0, std::memory_order_relaxed); }
+    bool threadLoop() override;
+    void process();
+
+    // Counters that both threads touch outside the lock. Their values are
+    // advisory (wake batching, statistics), so plain loads and stores are
+    // enough; atomics only keep them well defined.
+    int32_t pending() const { return mPending.load(std::memory_order_relaxed); }
+    int32_t frameCount() const { return mFrameCount.load(std::memory_order_relaxed); }
+    const char* lastName() const { return mLastName.load(std::memory_order_relaxed); }
+
+    std::atomic<uint8_t> mQueueLock{0};
+    std::vector<WorkItem*> mQueue;
+    std::vector<WorkItem*> mSpareQueue;
+    int32_t mReserved = 1;
+    std::atomic<int32_t> mPending{0};
+    std::atomic<int32_t> mFrameCount{0};
+    std::atomic<const char*> mLastName{nullptr};
+    sem_t mWakeSem;
+
+private:
+    void lockQueue();
+    void unlockQueue() { mQueueLock.store(0, std::memory_order_release); }
+    void bump(std::atomic<int32_t>& c) { c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+    void wake();
+};
+
+inline void KAMWorker::lockQueue() {
+    for (;;) {
+        if (mQueueLock.exchange(1, std::memory_order_acquire) == 0) return;
+        while (mQueueLock.load(std::memory_order_relaxed) != 0) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+            __asm__ __volatile__("yield");
+#endif
+        }
+    }
+}
+
+}  // namespace android
