@@ -50,7 +50,7 @@ extern KAM_EXPORT void* gOriginEgl[kKamEglCount];
 // The file the loader opens to look its own entry points up. Android installs
 // the layer at a fixed path; elsewhere it is wherever this library was loaded
 // from.
-const char* kamLibraryPath();
+KAM_EXPORT const char* kamLibraryPath();
 
 }  // namespace android
 

@@ -1,0 +1,38 @@
+#pragma once
+
+// Generated cases: each calls one table entry with distinct arguments and
+// reports what it passed and what came back.
+
+#include <cstdint>
+#include <vector>
+
+#include "fake_driver.h"
+
+namespace cases {
+
+struct Outcome {
+    std::vector<uint64_t> args;
+    uint64_t result = 0;
+    uint64_t expected = 0;
+};
+
+struct Case {
+    const char* name;
+    const char* kind;  // recorded, copy, sync, origin, special, bounds; EGL: pass, sync, async, local, special
+    const char* form;  // opt or plain
+    bool isVoid;
+    bool byRule;
+    void (*call)(void* fn, Outcome& out);
+};
+
+extern const Case glCases[];
+extern const Case eglCases[];
+extern const int glCaseCount;
+extern const int eglCaseCount;
+
+// Readable memory for pointer arguments: copies made by the layer read it.
+const void* testPointer(uintptr_t seed);
+
+using fake::bits;
+
+}  // namespace cases

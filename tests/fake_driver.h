@@ -1,0 +1,68 @@
+#pragma once
+
+// A driver for tests: origin tables whose every entry records its name, its
+// arguments (as bit patterns) and the calling thread, and returns a value the
+// test chose.
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "kam_api.h"
+
+namespace fake {
+
+constexpr int kGlTableSize = 1276;
+constexpr int kEglTableSize = 86;
+
+struct Call {
+    std::string name;
+    std::vector<uint64_t> args;
+    pthread_t thread;
+};
+
+// Tables in the platform's order (the order of kam_platform_*_names).
+extern void* glTable[kGlTableSize];
+extern void* eglTable[kEglTableSize];
+
+void record(const char* name, std::initializer_list<uint64_t> args);
+std::vector<Call> calls();
+void reset();
+// What every fake entry returns, converted to its result type.
+void setResult(uint64_t value);
+uint64_t result();
+
+template <class T>
+uint64_t bits(T v) {
+    if constexpr (std::is_floating_point_v<T>) {
+        if constexpr (sizeof(T) == 4) {
+            uint32_t u;
+            memcpy(&u, &v, 4);
+            return u;
+        } else {
+            uint64_t u;
+            memcpy(&u, &v, 8);
+            return u;
+        }
+    } else if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<uintptr_t>(v);
+    } else {
+        return static_cast<uint64_t>(v);
+    }
+}
+
+template <class T>
+T resultAs() {
+    if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<T>(static_cast<uintptr_t>(result()));
+    } else {
+        return static_cast<T>(result());
+    }
+}
+
+}  // namespace fake

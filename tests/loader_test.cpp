@@ -1,0 +1,148 @@
+// The loader's hand-over of tables and names, checked on private loader
+// objects so that every case starts uninitialised.
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include <memory>
+#include <thread>
+#include <string>
+#include <vector>
+
+#include "fake_driver.h"
+#include "loader/KAMLoader.h"
+#include "runtime/KAMLog.h"
+#include "support.h"
+
+using android::KAMLoader;
+
+namespace {
+
+struct Tables {
+    void* egl[fake::kEglTableSize];
+    void* gl[fake::kGlTableSize];
+    Tables() {
+        std::copy(std::begin(fake::eglTable), std::end(fake::eglTable), egl);
+        std::copy(std::begin(fake::glTable), std::end(fake::glTable), gl);
+    }
+};
+
+int position(const char* const* names, const std::string& name) {
+    for (int k = 0; names[k]; ++k)
+        if (name == names[k]) return k;
+    return -1;
+}
+
+class LoaderTest : public ::testing::Test {
+protected:
+    void SetUp() override { support::clearLog(); }
+    std::unique_ptr<KAMLoader> loader = std::make_unique<KAMLoader>();
+    Tables tables;
+};
+
+TEST_F(LoaderTest, RealNameListsResolveEveryEntryWithoutMissing) {
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, support::noContextTable);
+    EXPECT_TRUE(loader->mInitialised);
+    EXPECT_FALSE(loader->mMissingEntries);
+    EXPECT_EQ(support::countLog("Can't find kam api"), 0);
+    for (int k = 0; kam_platform_gl_names[k]; ++k) {
+        ASSERT_NE(loader->mKamGl[k], nullptr) << kam_platform_gl_names[k];
+        EXPECT_NE(loader->mKamGl[k], loader->mOriginGl[k]) << kam_platform_gl_names[k];
+    }
+    for (int k = 0; kam_platform_egl_names[k]; ++k)
+        EXPECT_NE(loader->mKamEgl[k], loader->mOriginEgl[k]) << kam_platform_egl_names[k];
+}
+
+TEST_F(LoaderTest, SecondInitKeepsTheFirstTables) {
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, support::noContextTable);
+    Tables other;
+    other.gl[0] = reinterpret_cast<void*>(0x1234);
+    void* extra = reinterpret_cast<void*>(0x5678);
+    loader->init(kam_platform_egl_names, other.egl, kam_platform_gl_names, other.gl, extra);
+    EXPECT_EQ(loader->mPlatformGlTable, tables.gl);
+    EXPECT_EQ(loader->mPlatformEglTable, tables.egl);
+    EXPECT_EQ(loader->mOriginGl[0], fake::glTable[0]);
+    EXPECT_EQ(loader->mNoContextGlTable, support::noContextTable);
+}
+
+TEST_F(LoaderTest, ShortNameArrayLeavesLaterEntriesNull) {
+    std::vector<const char*> few(kam_platform_gl_names, kam_platform_gl_names + 10);
+    few.push_back(nullptr);
+    loader->init(kam_platform_egl_names, tables.egl, few.data(), tables.gl, nullptr);
+    for (int k = 0; k < 10; ++k) EXPECT_NE(loader->mKamGl[k], nullptr);
+    for (int k = 10; k < fake::kGlTableSize; ++k) ASSERT_EQ(loader->mKamGl[k], nullptr) << k;
+    // The copies are of the full tables whatever the names say.
+    EXPECT_EQ(loader->mOriginGl[500], fake::glTable[500]);
+}
+
+TEST_F(LoaderTest, OptFormWinsOverPlainForm) {
+    // Both kam_glGetString_opt and kam_glGetString are exported.
+    void* self = dlopen(android::kamLibraryPath(), RTLD_LAZY);
+    ASSERT_NE(self, nullptr);
+    void* opt = dlsym(self, "kam_glGetString_opt");
+    void* plain = dlsym(self, "kam_glGetString");
+    ASSERT_NE(opt, nullptr);
+    ASSERT_NE(plain, nullptr);
+    EXPECT_EQ(loader->dlsymKamApi("glGetString", self), opt);
+    EXPECT_EQ(loader->dlsymKamApi("glFinish", self), dlsym(self, "kam_glFinish"));
+    EXPECT_EQ(loader->dlsymKamApi("glNoSuchEntry", self), nullptr);
+    dlclose(self);
+
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, nullptr);
+    int k = position(kam_platform_gl_names, "glGetString");
+    EXPECT_EQ(loader->mKamGl[k], opt);
+    int e = position(kam_platform_egl_names, "eglMakeCurrent");
+    void* h = dlopen(android::kamLibraryPath(), RTLD_LAZY);
+    EXPECT_EQ(loader->mKamEgl[e], dlsym(h, "kam_eglMakeCurrent_opt"));
+    dlclose(h);
+}
+
+TEST_F(LoaderTest, MissingNameFallsBackToOriginAndWarns) {
+    std::vector<const char*> names(kam_platform_gl_names, kam_platform_gl_names + 3);
+    names.push_back("glNotAnEntryPoint");
+    names.push_back(nullptr);
+    loader->init(kam_platform_egl_names, tables.egl, names.data(), tables.gl, nullptr);
+    EXPECT_TRUE(loader->mMissingEntries);
+    EXPECT_EQ(loader->mKamGl[3], tables.gl[3]);
+    auto lines = support::logLines();
+    ASSERT_EQ(support::countLog("Can't find kam api, use origin api instead for glNotAnEntryPoint"), 1);
+    for (const auto& l : lines) {
+        if (l.text.find("Can't find") != std::string::npos) {
+            EXPECT_EQ(l.priority, ANDROID_LOG_WARN);
+        }
+    }
+}
+
+TEST_F(LoaderTest, EglSwitchCopiesOnceAndOnlyOnce) {
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, nullptr);
+    EXPECT_EQ(tables.egl[0], fake::eglTable[0]);
+    loader->useKamEgl();
+    EXPECT_TRUE(loader->mEglSwitched);
+    for (int k = 0; k < fake::kEglTableSize; ++k) ASSERT_EQ(tables.egl[k], loader->mKamEgl[k]) << k;
+    // A second switch must not copy again over what the platform wrote since.
+    tables.egl[5] = reinterpret_cast<void*>(0x42);
+    loader->useKamEgl();
+    EXPECT_EQ(tables.egl[5], reinterpret_cast<void*>(0x42));
+    // The origin copy keeps the platform's own entries.
+    EXPECT_EQ(loader->mOriginEgl[0], fake::eglTable[0]);
+}
+
+TEST_F(LoaderTest, AttachAndDetachWriteOnlyTheCallersSlot) {
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, nullptr);
+    kam_platform_gl_slot = nullptr;
+    loader->attachGlContext();
+    EXPECT_EQ(kam_platform_gl_slot, loader->mKamGl);
+    void* otherThreadSlot = reinterpret_cast<void*>(1);
+    std::thread([&] { otherThreadSlot = kam_platform_gl_slot; }).join();
+    EXPECT_EQ(otherThreadSlot, nullptr);
+
+    loader->detachGlContext(false);
+    EXPECT_EQ(kam_platform_gl_slot, tables.gl);
+    loader->attachGlContext();
+    // The no-context table was null: detaching installs it anyway.
+    loader->detachGlContext(true);
+    EXPECT_EQ(kam_platform_gl_slot, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+#include "support.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "call_cases.h"
+#include "loader/KAMLoader.h"
+#include "runtime/KAMManager.h"
+
+extern "C" {
+// The fake platform's GL slot; the layer writes it on attach and detach.
+__attribute__((visibility("default"))) __thread void* kam_platform_gl_slot = nullptr;
+
+// Takes the layer's log lines (the executable's definition wins over liblog's).
+__attribute__((visibility("default"))) int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    char text[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    support::LogLine line{prio, tag ? tag : "", text};
+    if (getenv("KAM_TEST_LOG")) fprintf(stderr, "%s %d %s\n", line.tag.c_str(), prio, text);
+    extern void kamTestAppendLog(support::LogLine);
+    kamTestAppendLog(std::move(line));
+    return 1;
+}
+}
+
+namespace {
+std::mutex gLogLock;
+std::vector<support::LogLine> gLog;
+alignas(64) unsigned char gPointee[1 << 16];
+}  // namespace
+
+void kamTestAppendLog(support::LogLine line) {
+    std::lock_guard<std::mutex> guard(gLogLock);
+    gLog.push_back(std::move(line));
+}
+
+namespace support {
+
+void* noContextTable[fake::kGlTableSize];
+
+std::vector<LogLine> logLines() {
+    std::lock_guard<std::mutex> guard(gLogLock);
+    return gLog;
+}
+
+void clearLog() {
+    std::lock_guard<std::mutex> guard(gLogLock);
+    gLog.clear();
+}
+
+int countLog(const std::string& fragment) {
+    int n = 0;
+    for (const LogLine& l : logLines())
+        if (l.tag == "_V_KAM" && l.text.find(fragment) != std::string::npos) ++n;
+    return n;
+}
+
+void initLayer() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        android::KAMLoader::getInstance()->init(kam_platform_egl_names, fake::eglTable, kam_platform_gl_names,
+                                                fake::glTable, noContextTable);
+        android::KAMManager::INSTANCE->initMTR("kam-tests", false, "");
+    });
+}
+
+}  // namespace support
+
+namespace cases {
+// Every byte non-zero except one in 64, so strings read from it end soon.
+const void* testPointer(uintptr_t seed) {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        for (size_t i = 0; i < sizeof gPointee; ++i) gPointee[i] = (i % 64 == 63) ? 0 : static_cast<unsigned char>(1 + i % 251);
+    });
+    return gPointee + (seed * 8) % (sizeof gPointee - 8192);
+}
+}  // namespace cases

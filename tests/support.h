@@ -1,0 +1,37 @@
+#pragma once
+
+// What the unit tests share: the fake platform around the layer (the GL slot,
+// the name lists, the fake driver tables handed to the loader) and the log.
+
+#include <string>
+#include <vector>
+
+#include "fake_driver.h"
+
+extern "C" {
+extern __thread void* kam_platform_gl_slot;
+extern const char* const kam_platform_gl_names[];
+extern const char* const kam_platform_egl_names[];
+}
+
+namespace support {
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+
+std::vector<LogLine> logLines();
+void clearLog();
+// Lines of the layer's tag whose text contains the fragment.
+int countLog(const std::string& fragment);
+
+// The table a detached thread gets, as the fake platform hands it over.
+extern void* noContextTable[fake::kGlTableSize];
+
+// Initialises the process-wide loader with the fake driver (once) and
+// enables offload; every test that needs the singleton calls this.
+void initLayer();
+
+}  // namespace support
