@@ -499,11 +499,11 @@ def gen_call_cases(gl, egl):
         for k, p in enumerate(e.params):
             v = arg_value(idx, k)
             if p.is_pointer:
-                lines.append("    %s %s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
+                lines.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
             else:
-                lines.append("    %s %s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
-        lines.append("    o.args = {%s};" % ", ".join("bits(%s)" % p.name for p in e.params))
-        call = "reinterpret_cast<%s>(fn)(%s)" % (e.pfn(), e.args())
+                lines.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
+        lines.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        call = "reinterpret_cast<%s>(fn)(%s)" % (e.pfn(), ", ".join("v_" + p.name for p in e.params))
         if e.void:
             lines.append("    %s;" % call)
         else:
@@ -530,6 +530,35 @@ def gen_call_cases(gl, egl):
     out.append("const int glCaseCount = %d;" % len(gl))
     out.append("const int eglCaseCount = %d;" % len(egl))
     out.append("}  // namespace cases")
+    return "\n".join(out) + "\n"
+
+
+def gen_bridge_cases(gl, bridges):
+    """One case per generated command class: build it with distinct
+    arguments, replay it, and report what it stored and its name."""
+    out = [HEADER, '#include "call_cases.h"', '#include "kam_bridges.h"', "", "using namespace android;", "",
+           "namespace cases {", "namespace {", ""]
+    names = []
+    for i, e in enumerate(gl):
+        if e.name not in bridges or e.name in HANDWRITTEN_BRIDGES:
+            continue
+        names.append(e.name)
+        out.append("void bridge_%s(Outcome& o, const char*& name) {" % e.name)
+        for k, p in enumerate(e.params):
+            v = 0x2000 + i * 16 + k
+            if p.is_pointer:
+                out.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
+            else:
+                out.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
+        out.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        out.append("    %s_Bridge b%s;" % (e.name, "(%s)" % ", ".join("v_" + p.name for p in e.params) if e.params else ""))
+        out.append("    Bridge& base = b;")
+        out.append("    name = base.getName();")
+        out.append("    base.run();")
+        out.append("}")
+    out += ["", "}  // namespace", "", "const BridgeCase bridgeCases[] = {"]
+    out += ['    {"%s", &bridge_%s},' % (n, n) for n in names]
+    out += ["};", "const int bridgeCaseCount = %d;" % len(names), "}  // namespace cases"]
     return "\n".join(out) + "\n"
 
 
@@ -583,6 +612,7 @@ def main():
     write(a.out, "platform_egl.cpp", gen_platform_egl(egl))
     write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
     write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
+    write(a.out, "bridge_cases.cpp", gen_bridge_cases(gl, bridges))
     write(a.out, "classification.txt", gen_report(gl, egl))
 
 

@@ -30,6 +30,13 @@ extern const Case eglCases[];
 extern const int glCaseCount;
 extern const int eglCaseCount;
 
+struct BridgeCase {
+    const char* name;
+    void (*build)(Outcome& out, const char*& name);
+};
+extern const BridgeCase bridgeCases[];
+extern const int bridgeCaseCount;
+
 // Readable memory for pointer arguments: copies made by the layer read it.
 const void* testPointer(uintptr_t seed);
 

@@ -2,12 +2,14 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <mutex>
 
 #include "call_cases.h"
 #include "loader/KAMLoader.h"
 #include "runtime/KAMManager.h"
+#include "runtime/KAMThreadLocal.h"
 
 extern "C" {
 // The fake platform's GL slot; the layer writes it on attach and detach.
@@ -67,6 +69,41 @@ void initLayer() {
                                                 fake::glTable, noContextTable);
         android::KAMManager::INSTANCE->initMTR("kam-tests", false, "");
     });
+}
+
+ActiveContext::ActiveContext() {
+    initLayer();
+    record.display = reinterpret_cast<EGLDisplay>(0xD15);
+    strcpy(record.creatorName, "kam-test");
+    record.extensionList = {"GL_OES_test_one", "GL_EXT_test_two"};
+    record.extensions = "GL_OES_test_one GL_EXT_test_two";
+    mContext = new android::KAMContext(&record, false);  // registers itself in the record
+    mContext->mWorker = new android::KAMWorker();
+    mContext->mWorker->run("kam-test-worker", -4, 0);
+    mContext->mMemory.prepare();
+    mContext->mActive = 1;
+    android::sp<android::KAMThreadLocal> tls = new android::KAMThreadLocal();
+    tls->mName = "kam-test";
+    tls->mOnRelease = [](std::string&, int, void*) {};
+    android::__tls = tls;
+    tls->attachContext(mContext);
+}
+
+ActiveContext::~ActiveContext() {
+    drain();
+    android::__tls->attachContext(nullptr);
+    android::__tls.clear();
+    mContext->mActive = 0;
+    record.kamContext.clear();  // joins the worker
+}
+
+void ActiveContext::drain() {
+    mContext->mWorker->postSync([] {}, "drain");
+}
+
+void ActiveContext::frameBoundary() {
+    android::KAMContext* c = mContext;
+    c->mWorker->postSync([c] { c->swapBuffer(); }, "swapBuffers");
 }
 
 }  // namespace support

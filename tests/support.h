@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "fake_driver.h"
+#include "runtime/KAMContext.h"
+#include "runtime/PlatformRecords.h"
 
 extern "C" {
 extern __thread void* kam_platform_gl_slot;
@@ -33,5 +35,24 @@ extern void* noContextTable[fake::kGlTableSize];
 // Initialises the process-wide loader with the fake driver (once) and
 // enables offload; every test that needs the singleton calls this.
 void initLayer();
+
+// An offload context in the active state on the calling thread, with its
+// worker running and its arena prepared, over the fake driver. The calling
+// thread's wrappers record into it until it goes out of scope.
+class ActiveContext {
+public:
+    ActiveContext();
+    ~ActiveContext();
+    android::KAMContext* get() const { return mContext; }
+    android::KAMWorker* worker() const { return mContext->mWorker.get(); }
+    // Waits until the worker has replayed everything posted so far.
+    void drain();
+    // The frame task's per-frame reset, on the worker.
+    void frameBoundary();
+    android::PlatformContextRecord record{};
+
+private:
+    android::KAMContext* mContext = nullptr;
+};
 
 }  // namespace support

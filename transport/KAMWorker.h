@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <future>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <utils/Thread.h>
@@ -29,14 +30,15 @@ public:
     void post(WorkItem* item, bool sync);
 
     // Runs f on the worker and waits for it; everything f captures by
-    // reference stays alive because the caller is blocked meanwhile.
+    // reference stays alive because the caller is blocked meanwhile. The
+    // callable reaches the task through a plain function pointer, so the
+    // task and its shared state are instantiated once per result type, not
+    // once per call site (hundreds of wrappers use this).
     template <class F>
     auto postSync(F&& f, const char* name) -> decltype(f()) {
         using R = decltype(f());
-        std::packaged_task<R()> task(std::forward<F>(f));
-        std::future<R> done = task.get_future();
-        post(new WorkItem(name, [t = &task] { (*t)(); }), true);
-        return done.get();
+        using Fn = std::remove_reference_t<F>;
+        return postSyncErased(Thunk<R>{[](void* p) -> R { return (*static_cast<Fn*>(p))(); }, &f}, name);
     }
 
     void setName(std::string name);
@@ -61,6 +63,21 @@ public:
     sem_t mWakeSem;
 
 private:
+    template <class R>
+    struct Thunk {
+        R (*call)(void*);
+        void* target;
+        R operator()() const { return call(target); }
+    };
+
+    template <class R>
+    R postSyncErased(Thunk<R> thunk, const char* name) {
+        std::packaged_task<R()> task(thunk);
+        std::future<R> done = task.get_future();
+        post(new WorkItem(name, [t = &task] { (*t)(); }), true);
+        return done.get();
+    }
+
     void lockQueue();
     void unlockQueue() { mQueueLock.store(0, std::memory_order_release); }
     void bump(std::atomic<int32_t>& c) { c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
