@@ -14,11 +14,6 @@ namespace {
 // Queries look at the attached context (offloaded or not), not only at the
 // active one: GL_NUM_EXTENSIONS and GL_EXTENSIONS come from the record either
 // way.
-KAMContext* attachedContext() {
-    KAMThreadLocal* t = __tls.get();
-    return t ? t->mContext : nullptr;
-}
-
 template <class T>
 void writeExtensionCount(KAMContext* c, T* params) {
     *params = static_cast<T>(contextRecord(c->mEglContext)->extensionList.size());

@@ -6,6 +6,22 @@
 namespace android {
 
 thread_local sp<KAMThreadLocal> __tls;
+__thread KAMThreadLocal* gThreadRecord = nullptr;
+
+namespace {
+// Constructed after __tls in every thread that sets a record, so destroyed
+// before it: wrappers called by later thread-exit destructors pass through.
+struct ClearViewAtExit {
+    ~ClearViewAtExit() { gThreadRecord = nullptr; }
+};
+}  // namespace
+
+void setThreadRecord(const sp<KAMThreadLocal>& record) {
+    __tls = record;
+    static thread_local ClearViewAtExit clearAtExit;
+    (void)&clearAtExit;
+    gThreadRecord = record.get();
+}
 
 KAMThreadLocal::~KAMThreadLocal() {
     // An empty callback throws bad_function_call from a destructor: the

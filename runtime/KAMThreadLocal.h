@@ -34,11 +34,24 @@ public:
 // Released by the runtime's thread-exit destructor list when the thread ends.
 extern KAM_EXPORT thread_local sp<KAMThreadLocal> __tls;
 
+// A plain view of __tls for the path every GL call takes: a trivially
+// initialised thread variable is one load from the thread pointer, where the
+// sp needs its initialisation guard and a function call. setThreadRecord keeps
+// the two equal; the view is cleared before __tls lets go at thread exit.
+extern KAM_EXPORT __thread KAMThreadLocal* gThreadRecord __attribute__((tls_model("initial-exec")));
+KAM_EXPORT void setThreadRecord(const sp<KAMThreadLocal>& record);
+
 // The wrappers' first step: the context to record into, or null to pass
 // through.
 inline KAMContext* activeContext() {
-    KAMThreadLocal* t = __tls.get();
+    KAMThreadLocal* t = gThreadRecord;
     return t ? t->mActiveContext : nullptr;
+}
+
+// The context attached to this thread, offloaded or not (queries use it).
+inline KAMContext* attachedContext() {
+    KAMThreadLocal* t = gThreadRecord;
+    return t ? t->mContext : nullptr;
 }
 
 }  // namespace android

@@ -65,7 +65,7 @@ bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
         tls->mName = threadName();
         // Platform render threads are never offloaded.
         tls->mSkip = tls->mName == "Chrome_InProcGp" || tls->mName == "RenderThread";
-        __tls = tls;
+        setThreadRecord(tls);
         KAM_LOGD("iniTLS <%s> skip=%d EGLContext=%p created by %s", tls->mName.c_str(), tls->mSkip, eglContext,
                  record->creatorName);
     }

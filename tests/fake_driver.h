@@ -31,6 +31,8 @@ extern void* glTable[kGlTableSize];
 extern void* eglTable[kEglTableSize];
 
 void record(const char* name, std::initializer_list<uint64_t> args);
+// Benchmarks switch recording off: entries then only return.
+void setRecording(bool on);
 std::vector<Call> calls();
 void reset();
 // What every fake entry returns, converted to its result type.

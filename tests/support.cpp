@@ -85,14 +85,14 @@ ActiveContext::ActiveContext() {
     android::sp<android::KAMThreadLocal> tls = new android::KAMThreadLocal();
     tls->mName = "kam-test";
     tls->mOnRelease = [](std::string&, int, void*) {};
-    android::__tls = tls;
+    android::setThreadRecord(tls);
     tls->attachContext(mContext);
 }
 
 ActiveContext::~ActiveContext() {
     drain();
     android::__tls->attachContext(nullptr);
-    android::__tls.clear();
+    android::setThreadRecord(nullptr);
     mContext->mActive = 0;
     record.kamContext.clear();  // joins the worker
 }

@@ -265,6 +265,9 @@ TEST(WorkerWakeTest, AsynchronousPostsWakeOnlyEvery129th) {
     EXPECT_EQ(semValue(*w), 1);
     EXPECT_EQ(w->pending(), 0);
     EXPECT_EQ(w->frameCount(), 129);
+    // Woken, the worker finds all 129 in its queue.
+    EXPECT_EQ(w->mQueue.size(), 129u);
+    EXPECT_TRUE(w->mBatch.empty());
     w->mQueue.clear();
 }
 
@@ -281,11 +284,12 @@ TEST(WorkerWakeTest, SynchronousPostsWakeAtOnceWithoutBlockingAndNeverCountAbove
         w->post(items.back().get(), false);
     }
     EXPECT_EQ(semValue(*w), 1);
-    EXPECT_EQ(w->mQueue.size(), 305u);
+    EXPECT_EQ(w->mQueue.size() + w->mBatch.size(), 305u);
     w->swapBuffer();
     EXPECT_EQ(w->frameCount(), 0);
-    EXPECT_EQ(w->mQueue.size(), 305u);  // the frame hook leaves the queue alone
+    EXPECT_EQ(w->mQueue.size() + w->mBatch.size(), 305u);  // the frame hook leaves the queue alone
     w->mQueue.clear();
+    w->mBatch.clear();
 }
 
 TEST(WorkerTest, QueuedItemsAtDestructionAreNeitherRunNorFreed) {

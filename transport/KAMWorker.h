@@ -56,6 +56,8 @@ public:
     std::atomic<uint8_t> mQueueLock{0};
     std::vector<WorkItem*> mQueue;
     std::vector<WorkItem*> mSpareQueue;
+    // Posted by the producer, not yet handed to the worker (producer only).
+    std::vector<WorkItem*> mBatch;
     int32_t mReserved = 1;
     std::atomic<int32_t> mPending{0};
     std::atomic<int32_t> mFrameCount{0};
@@ -81,6 +83,7 @@ private:
     void lockQueue();
     void unlockQueue() { mQueueLock.store(0, std::memory_order_release); }
     void bump(std::atomic<int32_t>& c) { c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+    void publish();
     void wake();
 };
 
