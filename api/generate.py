@@ -470,9 +470,10 @@ def gen_fake_driver(gl, egl):
         seen.add(e.name)
         out.append("%s {" % e.decl("fake_" + e.name))
         arglist = ", ".join("bits(%s)" % p.name for p in e.params)
-        out.append('    record("%s", {%s});' % (e.name, arglist))
-        if not e.void:
-            out.append("    return resultAs<%s>();" % e.ret)
+        if e.void:
+            out.append('    record("%s", {%s});' % (e.name, arglist))
+        else:
+            out.append('    return fromBits<%s>(record("%s", {%s}));' % (e.ret, e.name, arglist))
         out.append("}")
     out += ["", "}  // namespace", ""]
     out.append("void* glTable[kGlTableSize] = {")

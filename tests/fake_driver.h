@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <type_traits>
@@ -30,7 +31,15 @@ struct Call {
 extern void* glTable[kGlTableSize];
 extern void* eglTable[kEglTableSize];
 
-void record(const char* name, std::initializer_list<uint64_t> args);
+// Logs the call and returns what the entry answers: the handler's value when
+// a handler is set for the name, else the common result.
+uint64_t record(const char* name, std::initializer_list<uint64_t> args);
+// A handler sees the call (arguments as bit patterns: pointers can be written
+// through) and returns the entry's result bits. Handlers run on the calling
+// thread, outside the log's lock.
+using Handler = std::function<uint64_t(const Call&)>;
+void setHandler(const std::string& name, Handler handler);
+void clearHandlers();
 // Benchmarks switch recording off: entries then only return.
 void setRecording(bool on);
 std::vector<Call> calls();
@@ -59,12 +68,17 @@ uint64_t bits(T v) {
 }
 
 template <class T>
-T resultAs() {
+T fromBits(uint64_t v) {
     if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<T>(static_cast<uintptr_t>(result()));
+        return reinterpret_cast<T>(static_cast<uintptr_t>(v));
     } else {
-        return static_cast<T>(result());
+        return static_cast<T>(v);
     }
+}
+
+template <class T>
+T resultAs() {
+    return fromBits<T>(result());
 }
 
 }  // namespace fake
