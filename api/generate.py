@@ -563,6 +563,43 @@ def gen_bridge_cases(gl, bridges):
     return "\n".join(out) + "\n"
 
 
+def gen_offload_cases(gl, copy_sizes):
+    """One case per GL name for an offloaded thread: small distinct argument
+    values (so that copy sizes stay small), and for copies the byte count the
+    layer should take and which argument is the copied pointer."""
+    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "recording/Record.h"', "",
+           "namespace cases {", "namespace {", ""]
+    for i, e in enumerate(gl):
+        out.append("void off_%s(void* fn, Outcome& o) {" % e.name)
+        for k, p in enumerate(e.params):
+            if p.is_pointer:
+                out.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, 0x3000 + i * 16 + k))
+            elif re.search(r"float|clampf|double", p.type, re.I):
+                out.append("    %s v_%s = (%s)%d.5;" % (p.type, p.name, p.type, k + 1))
+            else:
+                out.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, k + 1))
+        out.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        if e.kind == "copy" and e.name in copy_sizes and copy_sizes[e.name][0] != "-":
+            param, expr = copy_sizes[e.name]
+            idx = [p.name for p in e.params].index(param)
+            o_expr = "-1" if expr == "shadow" else re.sub(
+                r"\b(%s)\b" % "|".join(p.name for p in e.params), lambda m: "v_" + m.group(1), size_expr(e, expr))
+            out.append("    o.copyArg = %d;" % idx)
+            out.append("    o.copyBytes = %s;" % o_expr)
+        call = "reinterpret_cast<%s>(fn)(%s)" % (e.pfn(), ", ".join("v_" + p.name for p in e.params))
+        if e.void:
+            out.append("    %s;" % call)
+        else:
+            out.append("    o.expected = bits(fake::resultAs<%s>());" % e.ret)
+            out.append("    o.result = bits(%s);" % call)
+        out.append("}")
+    out += ["", "}  // namespace", "", "const Case offloadCases[] = {"]
+    out += ['    {"%s", "%s", "%s", %s, %s, &off_%s},' % (
+        e.name, e.kind, e.form, "true" if e.void else "false", "true" if e.by_rule else "false", e.name) for e in gl]
+    out += ["};", "}  // namespace cases"]
+    return "\n".join(out) + "\n"
+
+
 def gen_report(gl, egl):
     from collections import Counter
     c = Counter((e.kind, e.form) for e in gl)
@@ -614,6 +651,7 @@ def main():
     write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
     write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
     write(a.out, "bridge_cases.cpp", gen_bridge_cases(gl, bridges))
+    write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes))
     write(a.out, "classification.txt", gen_report(gl, egl))
 
 

@@ -14,6 +14,11 @@ struct Outcome {
     std::vector<uint64_t> args;
     uint64_t result = 0;
     uint64_t expected = 0;
+    // Copy wrappers: which argument points at client memory, and how many
+    // bytes of it the layer should copy (below 1: none, the call waits; -1
+    // also for copies that depend on shadowed state).
+    int copyArg = -1;
+    long long copyBytes = 0;
 };
 
 struct Case {
@@ -26,6 +31,8 @@ struct Case {
 };
 
 extern const Case glCases[];
+// The same names with small argument values, for an offloaded thread.
+extern const Case offloadCases[];
 extern const Case eglCases[];
 extern const int glCaseCount;
 extern const int eglCaseCount;

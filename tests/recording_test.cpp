@@ -1,1 +1,273 @@
-// placeholder
+// GL calls on an offloaded thread: every wrapper served by its kind, and the
+// copy rules of the wrappers that take client memory.
+
+#include <gtest/gtest.h>
+#include <semaphore.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "call_cases.h"
+#include "kam_bridges.h"
+#include "kam_wrappers.h"
+#include "loader/KAMLoader.h"
+#include "support.h"
+
+using namespace android;
+
+namespace {
+
+pthread_t workerThread(support::ActiveContext& ctx) {
+    return ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
+}
+
+bool onThread(const fake::Call& c, pthread_t t) { return pthread_equal(c.thread, t) != 0; }
+
+class RecordingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fake::reset();
+        fake::clearHandlers();
+        fake::setResult(0);
+        worker = workerThread(ctx);
+        self = pthread_self();
+        fake::reset();
+    }
+    void TearDown() override { fake::clearHandlers(); }
+
+    // Calls and their state: as the wrapper returned, and once the worker has
+    // replayed everything.
+    struct Seen {
+        std::vector<fake::Call> atReturn;
+        std::vector<fake::Call> after;
+    };
+    template <class F>
+    Seen run(F&& call) {
+        fake::reset();
+        call();
+        Seen s{fake::calls(), {}};
+        ctx.drain();
+        s.after = fake::calls();
+        return s;
+    }
+
+    support::ActiveContext ctx;
+    pthread_t worker{};
+    pthread_t self{};
+};
+
+// Every GL name of the interposed table, through the entry the loader
+// installed, on an offloaded thread.
+TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
+    KAMLoader* loader = KAMLoader::getInstance();
+    int counted[6] = {};
+    for (int k = 0; k < cases::glCaseCount; ++k) {
+        const cases::Case& c = cases::offloadCases[k];
+        const std::string name = c.name, kind = c.kind;
+        SCOPED_TRACE(name + " (" + kind + ")");
+        if (name == "glFinish" || name == "glGetError") continue;  // own tests below
+        fake::setResult(0x600 + k);
+        cases::Outcome out;
+        Seen s = run([&] { c.call(loader->mKamGl[k], out); });
+        if (!c.isVoid) {
+            EXPECT_EQ(out.result, out.expected);
+        }
+        ASSERT_EQ(s.after.size(), 1u);
+        const fake::Call& call = s.after[0];
+        std::vector<uint64_t> args = out.args;
+        std::string called = name;
+        if (kind == "bounds") {
+            called = name.substr(0, name.size() - 6);
+            args.pop_back();
+        }
+        EXPECT_EQ(call.name, called);
+
+        const bool copies = kind == "copy" && out.copyBytes >= 1;
+        if (kind == "recorded" || copies) {
+            // Recorded: nothing reached the driver while the caller ran; the
+            // worker replayed it with the same values.
+            EXPECT_TRUE(s.atReturn.empty());
+            EXPECT_TRUE(onThread(call, worker));
+            if (copies) {
+                const void* original = reinterpret_cast<const void*>(args[out.copyArg]);
+                const void* copy = reinterpret_cast<const void*>(call.args[out.copyArg]);
+                EXPECT_NE(copy, original);
+                EXPECT_EQ(memcmp(copy, original, static_cast<size_t>(out.copyBytes)), 0);
+                args[out.copyArg] = call.args[out.copyArg];
+            }
+            EXPECT_EQ(call.args, args);
+            ++counted[copies ? 1 : 0];
+        } else if (kind == "origin") {
+            ASSERT_EQ(s.atReturn.size(), 1u);
+            EXPECT_TRUE(onThread(call, self));
+            EXPECT_EQ(call.args, args);
+            ++counted[2];
+        } else {
+            // Synchronous: the worker made the call, with the caller's own
+            // pointers, before the wrapper returned.
+            ASSERT_EQ(s.atReturn.size(), 1u) << "must wait for the worker";
+            EXPECT_TRUE(onThread(call, worker));
+            EXPECT_EQ(call.args, args);
+            ++counted[3];
+        }
+        if (k % 64 == 0) ctx.frameBoundary();
+    }
+    // Every kind was exercised in numbers.
+    EXPECT_GT(counted[0], 400);
+    EXPECT_GT(counted[1], 50);
+    EXPECT_GT(counted[2], 30);
+    EXPECT_GT(counted[3], 400);
+}
+
+TEST_F(RecordingTest, CopiesAreTakenBeforeTheWrapperReturns) {
+    float values[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const float before[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    std::vector<float> replayed;
+    fake::setHandler("glUniform4fv", [&](const fake::Call& c) {
+        auto* p = reinterpret_cast<const float*>(c.args[2]);
+        replayed.assign(p, p + 4 * c.args[1]);
+        return 0;
+    });
+    fake::reset();
+    kam_glUniform4fv_opt(5, 2, values);
+    for (float& v : values) v = -1;  // the caller reuses its array at once
+    ctx.drain();
+    EXPECT_EQ(replayed, std::vector<float>(before, before + 8));
+}
+
+TEST_F(RecordingTest, CopySizeRules) {
+    float data[64];
+    for (int i = 0; i < 64; ++i) data[i] = static_cast<float>(i);
+    const GLchar label[] = "label-with-terminator";
+    struct Row {
+        const char* what;
+        std::function<void()> call;
+        const char* name;
+        size_t pointerArg;
+        long long bytes;  // expected copy, 0: synchronous with the caller's pointer
+    };
+    const Row rows[] = {
+        {"uniform vec4 x2", [&] { kam_glUniform4fv_opt(1, 2, data); }, "glUniform4fv", 2, 32},
+        {"matrix 3x4 x3", [&] { kam_glUniformMatrix3x4fv_opt(1, 3, GL_FALSE, data); }, "glUniformMatrix3x4fv", 3, 144},
+        {"program matrix x3: one matrix", [&] { kam_glProgramUniformMatrix4fv_opt(1, 2, 3, GL_FALSE, data); },
+         "glProgramUniformMatrix4fv", 4, 64},
+        {"program vec3 x5: one vector", [&] { kam_glProgramUniform3fv_opt(1, 2, 5, data); }, "glProgramUniform3fv", 3, 12},
+        {"clear depth: still 16", [&] { kam_glClearBufferfv_opt(GL_DEPTH, 0, data); }, "glClearBufferfv", 2, 16},
+        {"fog colour: one value", [&] { kam_glFogfv_opt(GL_FOG_COLOR, data); }, "glFogfv", 1, 4},
+        {"border colour", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_BORDER_COLOR, data); },
+         "glTexParameterfv", 2, 16},
+        {"min filter", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, data); },
+         "glTexParameterfv", 2, 4},
+        {"swizzle A on a sampler", [&] { kam_glSamplerParameterfv_opt(3, GL_TEXTURE_SWIZZLE_A, data); },
+         "glSamplerParameterfv", 2, 4},
+        {"base level goes synchronous", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, data); },
+         "glTexParameterfv", 2, 0},
+        {"unknown pname goes synchronous", [&] { kam_glSamplerParameterIiv_opt(3, 0x1234, reinterpret_cast<GLint*>(data)); },
+         "glSamplerParameterIiv", 2, 0},
+        {"count 0 goes synchronous", [&] { kam_glUniform4fv_opt(1, 0, data); }, "glUniform4fv", 2, 0},
+        {"negative count goes synchronous", [&] { kam_glUniform1fv_opt(1, -4, data); }, "glUniform1fv", 2, 0},
+        {"draw buffers", [&] { kam_glDrawBuffers_opt(3, reinterpret_cast<GLenum*>(data)); }, "glDrawBuffers", 1, 12},
+        {"label length 0: strlen + 1", [&] { kam_glLabelObjectEXT_opt(GL_BUFFER_OBJECT_EXT, 4, 0, label); },
+         "glLabelObjectEXT", 3, static_cast<long long>(sizeof label)},
+        {"label with length", [&] { kam_glLabelObjectEXT_opt(GL_BUFFER_OBJECT_EXT, 4, 5, label); }, "glLabelObjectEXT",
+         3, 5},
+        {"marker length 0", [&] { kam_glPushGroupMarkerEXT_opt(0, label); }, "glPushGroupMarkerEXT", 1,
+         static_cast<long long>(sizeof label)},
+        {"vertex attrib 3", [&] { kam_glVertexAttrib3fv_opt(2, data); }, "glVertexAttrib3fv", 1, 12},
+        {"invalidate 2 attachments", [&] { kam_glInvalidateFramebuffer_opt(GL_FRAMEBUFFER, 2, reinterpret_cast<GLenum*>(data)); },
+         "glInvalidateFramebuffer", 2, 8},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        Seen s = run(row.call);
+        ASSERT_EQ(s.after.size(), 1u);
+        const fake::Call& c = s.after[0];
+        EXPECT_EQ(c.name, row.name);
+        EXPECT_TRUE(onThread(c, worker));
+        const uint64_t original = c.name == "glLabelObjectEXT" || c.name == "glPushGroupMarkerEXT"
+                                      ? reinterpret_cast<uintptr_t>(label)
+                                      : reinterpret_cast<uintptr_t>(data);
+        if (row.bytes == 0) {
+            EXPECT_EQ(s.atReturn.size(), 1u) << "synchronous";
+            EXPECT_EQ(c.args[row.pointerArg], original);
+            continue;
+        }
+        EXPECT_TRUE(s.atReturn.empty()) << "recorded";
+        uint64_t copy = c.args[row.pointerArg];
+        ASSERT_NE(copy, original);
+        auto* mem = &ctx.get()->mMemory;
+        // The copy is exactly as long as the rule says: the next allocation
+        // (the following command's item) starts right after it, rounded to 8.
+        EXPECT_TRUE(copy >= reinterpret_cast<uintptr_t>(mem->mBase) && copy < reinterpret_cast<uintptr_t>(mem->mEnd));
+        EXPECT_EQ(memcmp(reinterpret_cast<void*>(copy), reinterpret_cast<void*>(original), row.bytes), 0);
+    }
+}
+
+TEST_F(RecordingTest, CopyTakesExactlyTheRuleFromTheArena) {
+    // A frame's arena usage tells how much a wrapper took: the copy, the work
+    // item and the command object, nothing else.
+    float data[48] = {};
+    auto* mem = &ctx.get()->mMemory;
+    ctx.frameBoundary();
+    kam_glProgramUniformMatrix4fv_opt(1, 2, 3, GL_FALSE, data);  // count 3: one matrix
+    ctx.frameBoundary();
+    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(64 + sizeof(WorkItem) + sizeof(glProgramUniformMatrix4fv_Bridge)));
+    kam_glUniform3iv_opt(1, 3, reinterpret_cast<const GLint*>(data));  // 36 bytes, rounded up to 40
+    ctx.frameBoundary();
+    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(40 + sizeof(WorkItem) + sizeof(glUniform3iv_Bridge)));
+}
+
+TEST_F(RecordingTest, NullAndSmallPointersAreRecordedAsTheyAre) {
+    for (uintptr_t p : {uintptr_t(0), uintptr_t(0x40), uintptr_t(0x10000)}) {
+        SCOPED_TRACE(p);
+        Seen s = run([&] { kam_glUniform4fv_opt(1, 2, reinterpret_cast<const GLfloat*>(p)); });
+        EXPECT_TRUE(s.atReturn.empty());
+        ASSERT_EQ(s.after.size(), 1u);
+        EXPECT_EQ(s.after[0].args[2], p);
+    }
+    // An offset into a bound element buffer records the draw.
+    Seen s = run([&] { kam_glDrawElements_opt(GL_TRIANGLES, 6, GL_UNSIGNED_SHORT, reinterpret_cast<void*>(12)); });
+    EXPECT_TRUE(s.atReturn.empty());
+    ASSERT_EQ(s.after.size(), 1u);
+    EXPECT_EQ(s.after[0].args[3], 12u);
+}
+
+TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
+    std::atomic<bool> go{false};
+    ctx.worker()->post(new WorkItem("hold",
+                                    [&go] {
+                                        while (!go.load()) {
+                                        }
+                                    }),
+                       true);
+    fake::reset();
+    kam_glFinish();  // returns although the worker is held
+    EXPECT_TRUE(fake::calls().empty());
+    int woken = -1;
+    sem_getvalue(&ctx.worker()->mWakeSem, &woken);
+    EXPECT_EQ(woken, 1);
+    go.store(true);
+    ctx.drain();
+    auto calls = fake::calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].name, "glFinish");
+    EXPECT_TRUE(onThread(calls[0], worker));
+}
+
+TEST_F(RecordingTest, ManyRecordedCallsReplayInOrderAcrossWakeUps) {
+    std::vector<uint64_t> seen;
+    fake::setHandler("glUniform1i", [&](const fake::Call& c) {
+        seen.push_back(c.args[1]);
+        return 0;
+    });
+    for (int i = 0; i < 1000; ++i) kam_glUniform1i_opt(0, i);
+    ctx.drain();
+    ASSERT_EQ(seen.size(), 1000u);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[i], static_cast<uint64_t>(i));
+}
+
+}  // namespace
