@@ -48,7 +48,44 @@ case "$test_name" in
     "$kam_run" --verbose "$build/kam-demo" --frames 500 --png "$out/kam.png" --quiet 2>"$out/kam.log" \
       || fail "demo through kam-run failed: $(tail -5 "$out/kam.log")"
     grep -q "KAMWorker started -> " "$out/kam.log" || fail "offload never became active: $(cat "$out/kam.log")"
+    # The statistics count what the application thread posted to the worker
+    # in a frame: thousands of GL calls, not a handful of control items.
+    size=$(sed -n 's/.* size=\([0-9]*\).*/\1/p' "$out/kam.log" | tail -n1)
+    [[ -n "$size" && "$size" -gt 1000 ]] || fail "the worker got too few commands per frame: ${size:-none}"
     cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
+    ;;
+  demo_toggle)
+    # Offload switched off and on every 100 frames through the platform's
+    # updateMTR; the frames must not notice.
+    "$build/kam-demo" --frames 1500 --toggle-every 100 --png "$out/direct.png" --quiet || fail "demo without the layer failed"
+    "$kam_run" --verbose "$build/kam-demo" --frames 1500 --toggle-every 100 --png "$out/kam.png" --quiet 2>"$out/kam.log" \
+      || fail "demo through kam-run failed: $(tail -5 "$out/kam.log")"
+    starts=$(grep -c "KAMWorker started -> " "$out/kam.log")
+    stops=$(grep -c "is stopped EGLContext=" "$out/kam.log")
+    [[ $starts -ge 2 && $stops -ge 1 ]] || fail "offload was not toggled (started $starts, stopped $stops times)"
+    grep -q "updateMTR kam-demo flags=0x0" "$out/kam.log" || fail "no updateMTR from the program"
+    cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
+    ;;
+  glmark2_offload)
+    # Every default scene in a window, in one context so that offload stays
+    # on: the first scene runs long enough for the frame-rate meter, the rest
+    # briefly. The scene list is glmark2's own default list.
+    glmark2-es2 --reuse-context -s 320x240 -b :duration=0.05 >"$out/list.txt" 2>&1 || fail "glmark2 without the layer failed"
+    sed -n 's/^\[\([^]]*\)\] \(.*\): FPS.*/\1:\2/p' "$out/list.txt" | sed 's/:<default>$//' >"$out/scenes"
+    n=$(wc -l <"$out/scenes")
+    [[ $n -ge 20 ]] || fail "could not read glmark2's default scenes ($n)"
+    { head -n1 "$out/scenes" | sed 's/$/:duration=6/'; tail -n +2 "$out/scenes" | sed 's/$/:duration=0.7/'; } \
+      | sed 's/^\([^:]*\)::/\1:/' >"$out/bench.txt"
+    "$kam_run" --verbose stdbuf -oL glmark2-es2 --reuse-context -s 320x240 -f "$out/bench.txt" >"$out/kam.txt" 2>&1 \
+      || fail "glmark2 through kam-run failed: $(tail -5 "$out/kam.txt")"
+    results=$(grep -c "FPS:" "$out/kam.txt")
+    [[ $results -eq $n ]] || fail "$results of $n scenes reported a result"
+    # Offload became active during the first scene and stayed on.
+    first_result=$(grep -n "FPS:" "$out/kam.txt" | head -n1 | cut -d: -f1)
+    started=$(grep -n "KAMWorker started -> " "$out/kam.txt" | head -n1 | cut -d: -f1)
+    [[ -n "$started" && "$started" -lt "$first_result" ]] || fail "offload was not active before the second scene"
+    ! grep -q "is stopped" "$out/kam.txt" || fail "offload stopped during the run"
+    grep -q " fps=" "$out/kam.txt" || fail "no statistics line"
     ;;
   *)
     fail "unknown test $test_name"
