@@ -490,6 +490,22 @@ def arg_value(entry_index, k):
     return 0x1000 + entry_index * 16 + k
 
 
+def arg_locals(e, seed, small=False):
+    """Declares v_<param> for every parameter of a test case: pointers into
+    the readable test buffer, other parameters distinct numbers (small ones,
+    with a fraction for floating types, when copy sizes must stay small)."""
+    lines = []
+    for k, p in enumerate(e.params):
+        if p.is_pointer:
+            lines.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, seed + k))
+        elif small and re.search(r"float|clampf|double", p.type, re.I):
+            lines.append("    %s v_%s = (%s)%d.5;" % (p.type, p.name, p.type, k + 1))
+        else:
+            lines.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, k + 1 if small else seed + k))
+    lines.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+    return lines
+
+
 def gen_call_cases(gl, egl):
     """One case per entry: calls a table entry with distinct arguments and
     reports what was passed and what came back."""
@@ -497,13 +513,7 @@ def gen_call_cases(gl, egl):
 
     def case(e, idx, prefix):
         lines = ["void %s_%s(void* fn, Outcome& o) {" % (prefix, e.name)]
-        for k, p in enumerate(e.params):
-            v = arg_value(idx, k)
-            if p.is_pointer:
-                lines.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
-            else:
-                lines.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
-        lines.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        lines += arg_locals(e, arg_value(idx, 0))
         call = "reinterpret_cast<%s>(fn)(%s)" % (e.pfn(), ", ".join("v_" + p.name for p in e.params))
         if e.void:
             lines.append("    %s;" % call)
@@ -545,13 +555,7 @@ def gen_bridge_cases(gl, bridges):
             continue
         names.append(e.name)
         out.append("void bridge_%s(Outcome& o, const char*& name) {" % e.name)
-        for k, p in enumerate(e.params):
-            v = 0x2000 + i * 16 + k
-            if p.is_pointer:
-                out.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, v))
-            else:
-                out.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, v))
-        out.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        out += arg_locals(e, 0x2000 + i * 16)
         out.append("    %s_Bridge b%s;" % (e.name, "(%s)" % ", ".join("v_" + p.name for p in e.params) if e.params else ""))
         out.append("    Bridge& base = b;")
         out.append("    name = base.getName();")
@@ -571,14 +575,7 @@ def gen_offload_cases(gl, copy_sizes):
            "namespace cases {", "namespace {", ""]
     for i, e in enumerate(gl):
         out.append("void off_%s(void* fn, Outcome& o) {" % e.name)
-        for k, p in enumerate(e.params):
-            if p.is_pointer:
-                out.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, 0x3000 + i * 16 + k))
-            elif re.search(r"float|clampf|double", p.type, re.I):
-                out.append("    %s v_%s = (%s)%d.5;" % (p.type, p.name, p.type, k + 1))
-            else:
-                out.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, k + 1))
-        out.append("    o.args = {%s};" % ", ".join("bits(v_%s)" % p.name for p in e.params))
+        out += arg_locals(e, 0x3000 + i * 16, small=True)
         if e.kind == "copy" and e.name in copy_sizes and copy_sizes[e.name][0] != "-":
             param, expr = copy_sizes[e.name]
             idx = [p.name for p in e.params].index(param)
