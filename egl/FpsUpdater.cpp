@@ -27,7 +27,7 @@ bool FpsUpdater::closePeriod(uint32_t* elapsed, uint32_t* now) {
 bool FpsUpdater::update() {
     uint32_t elapsed = 0, now = 0;
     if (!closePeriod(&elapsed, &now)) return false;
-    mRate = static_cast<float>(mFrames) * 1000.0f / static_cast<float>(elapsed);
+    mRate = static_cast<float>(static_cast<float>(mFrames) * 1000.0 / static_cast<float>(elapsed));
     mFrames = 0;
     mLastMs = now;
     return true;

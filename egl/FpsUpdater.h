@@ -17,7 +17,7 @@ public:
 
     bool update();
     bool detectMTR();
-    int getFps() const { return static_cast<int>(mRate + 0.5f); }
+    int getFps() const { return static_cast<int>(mRate + 0.5); }
 
     // Monotonic milliseconds truncated to 32 bits; period arithmetic is
     // unsigned, so a wrap of the counter is harmless. Replaceable for tests.

@@ -3,6 +3,7 @@
 // platform's records, and the make-current, frame-fence and error shortcuts.
 
 #include <gtest/gtest.h>
+#include <log/log.h>
 
 #include <cstdio>
 #include <future>
@@ -11,6 +12,7 @@
 
 #include "call_cases.h"
 #include "kam_wrappers.h"
+#include "runtime/KAMThreadLocal.h"
 #include "support.h"
 #include "transport/WorkItem.h"
 
@@ -220,6 +222,8 @@ TEST_F(EglWrapperTest, EachKindRunsWhereItBelongs) {
             active.worker()->post(new WorkItem("hold", [gate] { gate.wait(); }), true);
             c->call(w.fn, out);
             EXPECT_TRUE(fake::calls().empty());
+            // Handed to the worker at once, not left to a later batch.
+            EXPECT_TRUE(active.worker()->mBatch.empty());
             if (!c->isVoid) {
                 EXPECT_EQ(out.result, static_cast<uint64_t>(EGL_TRUE));
             }
@@ -424,7 +428,9 @@ TEST_F(EglWrapperTest, ErrorProbeAnswersTheCallerAndLogsTheWorkersError) {
         auto calls = fake::calls();
         ASSERT_EQ(calls.size(), 1u);
         EXPECT_TRUE(onCaller(calls[0]));
-        // Queued without waking the worker: it runs with the next drain.
+        // Queued without waking the worker: both items still wait in this
+        // thread's batch, and run with the next drain.
+        EXPECT_EQ(active.worker()->mBatch.size(), 2u);
         active.drain();
         calls = callsNamed("eglGetError");
         ASSERT_EQ(calls.size(), 2u);

@@ -2,6 +2,7 @@
 // and the platform's switch that says whether offload should run at all.
 
 #include <gtest/gtest.h>
+#include <log/log.h>
 
 #include <cstdint>
 #include <cstdio>
