@@ -132,8 +132,20 @@ def classify(gl, api_dir):
     the rest. Fails on names the lists know but the API does not."""
     sections = read_sections(os.path.join(api_dir, "gl_kinds.txt"))
     by_name = {e.name: e for e in gl}
-    for section, (kind, form) in SECTION_KIND.items():
-        for name in sections.get(section, []):
+    def section_kind(section):
+        # Sections may carry a suffix naming the owner (special_opt_buffers).
+        for prefix, kf in SECTION_KIND.items():
+            if section == prefix or section.startswith(prefix + "_"):
+                return kf
+        return None
+    for section in sections:
+        if section.startswith("handwritten") or section == "bridges":
+            continue
+        kind_form = section_kind(section)
+        if kind_form is None:
+            raise SystemExit("gl_kinds.txt: unknown section [%s]" % section)
+        kind, form = kind_form
+        for name in sections[section]:
             if name not in by_name:
                 raise SystemExit("gl_kinds.txt: %s in [%s] is not in gl.api" % (name, section))
             e = by_name[name]
@@ -148,8 +160,12 @@ def classify(gl, api_dir):
             e.kind, e.form = "recorded", "opt"
         else:
             e.kind, e.form = "sync", "plain"
-    for name in sections.get("handwritten", []):
-        by_name[name].handwritten = True
+    for section, names in sections.items():
+        if section.startswith("handwritten"):
+            for name in names:
+                if name not in by_name:
+                    raise SystemExit("gl_kinds.txt: %s in [%s] is not in gl.api" % (name, section))
+                by_name[name].handwritten = True
     bridges = set(sections.get("bridges", []))
     for name in bridges:
         if name not in by_name:

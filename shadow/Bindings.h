@@ -3,6 +3,7 @@
 #include <GLES3/gl32.h>
 
 #include <cstdint>
+#include <unordered_set>
 
 #include "loader/Export.h"
 
@@ -32,6 +33,11 @@ public:
         (void)target, (void)offset, (void)length, (void)info;
     }
     void unmapBufferPost(MappedInfo* info) { (void)info; }
+
+    // Vertex-array names the application owns, and the one it bound last:
+    // answered without the driver while the real context is on the worker.
+    std::unordered_set<GLuint> vertexArrays;
+    GLuint currentVertexArray = 0;
 };
 
 }  // namespace android
