@@ -87,6 +87,30 @@ case "$test_name" in
     ! grep -q "is stopped" "$out/kam.txt" || fail "offload stopped during the run"
     grep -q " fps=" "$out/kam.txt" || fail "no statistics line"
     ;;
+  shadow_state)
+    # GL calls whose meaning depends on state captured when they are made:
+    # pixel-store state, client memory read or written by the call, buffer
+    # mappings, object names. The warm-up after frame 100 lets offload start,
+    # so objects and pending read-backs from before it are used after it and
+    # the remaining frames all go through the worker; the warm-up leaves no
+    # trace in the output, so the direct run does without it. "--args 1"
+    # turns client vertex-array emulation on.
+    "$build/kam-shadow-app" --frames 1500 --png "$out/direct.png" >"$out/direct.txt" 2>"$out/direct.log" \
+      || fail "shadow app without the layer failed: $(cat "$out/direct.log")"
+    "$kam_run" --verbose --args 1 "$build/kam-shadow-app" --frames 1500 --warmup-after 100 --warmup-seconds 6 \
+      --png "$out/kam.png" >"$out/kam.txt" 2>"$out/kam.log" \
+      || fail "shadow app through kam-run failed: $(tail -5 "$out/kam.log")"
+    grep -q "KAMWorker started -> " "$out/kam.log" || fail "offload never became active: $(cat "$out/kam.log")"
+    started=$(grep -n "KAMWorker started -> " "$out/kam.log" | head -n1 | cut -d: -f1)
+    warm=$(grep -n "warm-up done" "$out/kam.log" | head -n1 | cut -d: -f1)
+    [[ -n "$warm" && "$started" -lt "$warm" ]] || fail "offload was not active by the end of the warm-up"
+    ! grep -q "is stopped" "$out/kam.log" || fail "offload stopped during the run"
+    grep '^checksum=' "$out/direct.txt" >"$out/direct.sum"
+    grep '^checksum=' "$out/kam.txt" >"$out/kam.sum"
+    [[ -s "$out/direct.sum" ]] || fail "no checksum line without the layer"
+    diff "$out/direct.sum" "$out/kam.sum" || fail "read-back data differs through the layer"
+    cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
+    ;;
   *)
     fail "unknown test $test_name"
     ;;

@@ -1,0 +1,1356 @@
+// kam-shadow-app: a GLES 3.0 program whose every frame leans on the GL state
+// that a layer queuing GL calls for another thread has to capture at call
+// time: pixel-store state, client memory read or written by the call
+// (uploads, read-backs, client vertex arrays and indices), buffer mappings,
+// and object names created and deleted on the application thread.
+//
+// Everything drawn and read back depends only on the frame index, so two runs
+// with the same --frames print the same checksum line and the same last frame
+// (--png), whether or not the calls go through a layer. --features selects
+// groups of calls so that a difference can be narrowed down to one group.
+// --warmup-seconds renders plain cleared frames, after --warmup-after frames,
+// for as long as a layer needs to decide to offload; they leave no trace in
+// the output, so runs with different warm-ups still compare equal.
+
+#include <EGL/egl.h>
+#include <GLES3/gl3.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <png.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace {
+
+enum Feature : unsigned {
+    kUnpack2D = 1u << 0,      // 2D uploads with row length, skips, alignment
+    kTex3D = 1u << 1,         // 3D uploads with image height and skipped images
+    kReadClient = 1u << 2,    // glReadPixels into client memory with pack state
+    kReadPbo = 1u << 3,       // glReadPixels into a pack buffer, mapped for reading
+    kMapWrite = 1u << 4,      // write mappings: invalidate, explicit flush
+    kObjects = 1u << 5,       // vertex array / transform feedback names
+    kClientArrays = 1u << 6,  // client vertex arrays and client indices
+    kBuffers = 1u << 7,       // glBufferData / SubData / Copy / delete
+    kUnpackPbo = 1u << 8,     // uploads sourced from a pixel unpack buffer
+    kAllFeatures = (1u << 9) - 1,
+};
+
+const char *const kFeatureNames[] = {
+    "unpack2d", "tex3d", "read-client", "read-pbo", "map-write",
+    "objects", "client-arrays", "buffers", "unpack-pbo",
+};
+
+struct Options {
+    long frames = 600;
+    unsigned features = kAllFeatures;
+    double warmup_seconds = 0.0;
+    long warmup_after = 0;
+    std::string png_path;
+    bool check_errors = false;
+};
+
+constexpr int kWidth = 256;
+constexpr int kHeight = 256;
+
+void usage(FILE *out) {
+    std::fprintf(out,
+                 "usage: kam-shadow-app [options]\n"
+                 "  --frames N          frames to render (default 600)\n"
+                 "  --png PATH          write the last frame to PATH as PNG\n"
+                 "  --features MASK     groups of GL calls to make each frame (default 0x%x):\n",
+                 kAllFeatures);
+    for (unsigned i = 0; i < sizeof(kFeatureNames) / sizeof(kFeatureNames[0]); ++i)
+        std::fprintf(out, "                        0x%03x %s\n", 1u << i, kFeatureNames[i]);
+    std::fprintf(out,
+                 "  --warmup-seconds S  clear and swap for S seconds before frame --warmup-after (default 0)\n"
+                 "  --warmup-after K    frames to render before the warm-up (default 0)\n"
+                 "  --check-errors      call glGetError after every group and name the first that fails\n"
+                 "  --help              show this text\n");
+}
+
+bool parse_ulong(const char *s, unsigned long min, unsigned long max, unsigned long *out) {
+    if (!s || !*s || *s == '-')
+        return false;
+    errno = 0;
+    char *end = nullptr;
+    unsigned long v = std::strtoul(s, &end, 0);
+    if (errno != 0 || *end != '\0' || v < min || v > max)
+        return false;
+    *out = v;
+    return true;
+}
+
+// Returns 0 to continue, 1 when --help was handled, -1 on a bad command line.
+int parse_args(int argc, char **argv, Options *o) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        auto value = [&]() -> const char * {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "kam-shadow-app: %s needs a value\n", arg.c_str());
+                return nullptr;
+            }
+            return argv[++i];
+        };
+        unsigned long v = 0;
+        if (arg == "--help" || arg == "-h") {
+            usage(stdout);
+            return 1;
+        } else if (arg == "--check-errors") {
+            o->check_errors = true;
+        } else if (arg == "--frames") {
+            const char *s = value();
+            if (!parse_ulong(s, 1, 100000000ul, &v)) {
+                std::fprintf(stderr, "kam-shadow-app: bad value for --frames: '%s'\n", s ? s : "");
+                return -1;
+            }
+            o->frames = static_cast<long>(v);
+        } else if (arg == "--features") {
+            const char *s = value();
+            if (!parse_ulong(s, 0, kAllFeatures, &v)) {
+                std::fprintf(stderr, "kam-shadow-app: bad value for --features: '%s'\n", s ? s : "");
+                return -1;
+            }
+            o->features = static_cast<unsigned>(v);
+        } else if (arg == "--warmup-seconds") {
+            const char *s = value();
+            if (!parse_ulong(s, 0, 3600, &v)) {
+                std::fprintf(stderr, "kam-shadow-app: bad value for --warmup-seconds: '%s'\n", s ? s : "");
+                return -1;
+            }
+            o->warmup_seconds = static_cast<double>(v);
+        } else if (arg == "--warmup-after") {
+            const char *s = value();
+            if (!parse_ulong(s, 0, 100000000ul, &v)) {
+                std::fprintf(stderr, "kam-shadow-app: bad value for --warmup-after: '%s'\n", s ? s : "");
+                return -1;
+            }
+            o->warmup_after = static_cast<long>(v);
+        } else if (arg == "--png") {
+            const char *s = value();
+            if (!s || !*s) {
+                std::fprintf(stderr, "kam-shadow-app: --png needs a path\n");
+                return -1;
+            }
+            o->png_path = s;
+        } else {
+            std::fprintf(stderr, "kam-shadow-app: unknown option '%s'\n", argv[i]);
+            usage(stderr);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+double now_seconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// ---------------------------------------------------------------------------
+// Determinism helpers
+
+uint32_t mix(uint32_t a, uint32_t b) {
+    uint32_t x = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
+    x ^= x >> 16;
+    x *= 0x85EBCA6Bu;
+    x ^= x >> 13;
+    x *= 0xC2B2AE35u;
+    x ^= x >> 16;
+    return x;
+}
+
+struct Checksum {
+    uint64_t h = 0xCBF29CE484222325ull;
+    void bytes(const void *p, size_t n) {
+        const uint8_t *b = static_cast<const uint8_t *>(p);
+        for (size_t i = 0; i < n; ++i) {
+            h ^= b[i];
+            h *= 0x100000001B3ull;
+        }
+    }
+    void value(uint32_t v) { bytes(&v, sizeof v); }
+};
+
+size_t align_up(size_t v, size_t a) { return (v + a - 1) / a * a; }
+
+// Bytes a transfer touches for the given pixel-store state, computed by the
+// application so that the client buffer is exactly as large as the call may
+// read or write: anything the layer reads beyond it, or fails to copy before
+// the buffer is reused, shows up as different pixels.
+size_t transfer_size(int w, int h, int d, int bpp, int row_length, int image_height, int skip_pixels,
+                     int skip_rows, int skip_images, int alignment) {
+    const size_t row_pixels = static_cast<size_t>(row_length > 0 ? row_length : w);
+    const size_t rows = static_cast<size_t>(image_height > 0 ? image_height : h);
+    const size_t stride = align_up(row_pixels * static_cast<size_t>(bpp), static_cast<size_t>(alignment));
+    const size_t image_stride = stride * rows;
+    return static_cast<size_t>(skip_images + d - 1) * image_stride + static_cast<size_t>(skip_rows + h - 1) * stride +
+           static_cast<size_t>(skip_pixels + w) * static_cast<size_t>(bpp);
+}
+
+// A heap block that is scribbled over and freed as soon as the call that
+// received it returns, which is exactly when a queuing layer must already
+// own a copy.
+struct ClientBlock {
+    uint8_t *p = nullptr;
+    size_t n = 0;
+    explicit ClientBlock(size_t size) : p(static_cast<uint8_t *>(std::malloc(size ? size : 1))), n(size) {}
+    ~ClientBlock() {
+        if (p)
+            std::memset(p, 0xDB, n);
+        std::free(p);
+    }
+    ClientBlock(const ClientBlock &) = delete;
+    ClientBlock &operator=(const ClientBlock &) = delete;
+    void fill(uint32_t seed) {
+        for (size_t i = 0; i < n; ++i)
+            p[i] = static_cast<uint8_t>(mix(seed, static_cast<uint32_t>(i)) >> 24);
+    }
+    void scribble() { std::memset(p, 0x5A, n); }
+};
+
+// ---------------------------------------------------------------------------
+// Shaders
+
+const char *kVsTex = R"(#version 300 es
+layout(location = 0) in vec2 a_pos;
+uniform vec4 u_rect;
+out vec2 v_uv;
+void main() {
+    v_uv = a_pos;
+    gl_Position = vec4(u_rect.xy + a_pos * u_rect.zw, 0.0, 1.0);
+}
+)";
+
+const char *kFsTex2D = R"(#version 300 es
+precision mediump float;
+in vec2 v_uv;
+uniform sampler2D u_tex;
+out vec4 o_color;
+void main() {
+    o_color = texture(u_tex, v_uv);
+}
+)";
+
+const char *kFsTex3D = R"(#version 300 es
+precision mediump float;
+precision mediump sampler3D;
+in vec2 v_uv;
+uniform sampler3D u_tex;
+uniform float u_r;
+out vec4 o_color;
+void main() {
+    o_color = texture(u_tex, vec3(v_uv, u_r));
+}
+)";
+
+const char *kVsColor = R"(#version 300 es
+layout(location = 0) in vec2 a_pos;
+layout(location = 1) in vec4 a_color;
+uniform vec4 u_rect;
+out vec4 v_color;
+void main() {
+    v_color = a_color;
+    gl_Position = vec4(u_rect.xy + a_pos * u_rect.zw, 0.0, 1.0);
+}
+)";
+
+const char *kFsColor = R"(#version 300 es
+precision mediump float;
+in vec4 v_color;
+out vec4 o_color;
+void main() {
+    o_color = v_color;
+}
+)";
+
+GLuint compile_shader(GLenum type, const char *src) {
+    GLuint sh = glCreateShader(type);
+    if (!sh) {
+        std::fprintf(stderr, "kam-shadow-app: glCreateShader failed\n");
+        return 0;
+    }
+    glShaderSource(sh, 1, &src, nullptr);
+    glCompileShader(sh);
+    GLint ok = GL_FALSE;
+    glGetShaderiv(sh, GL_COMPILE_STATUS, &ok);
+    if (ok != GL_TRUE) {
+        char log[2048] = {};
+        glGetShaderInfoLog(sh, sizeof log, nullptr, log);
+        std::fprintf(stderr, "kam-shadow-app: shader compile failed:\n%s\n", log);
+        glDeleteShader(sh);
+        return 0;
+    }
+    return sh;
+}
+
+GLuint link_program(const char *vs_src, const char *fs_src) {
+    GLuint vs = compile_shader(GL_VERTEX_SHADER, vs_src);
+    GLuint fs = vs ? compile_shader(GL_FRAGMENT_SHADER, fs_src) : 0;
+    if (!vs || !fs) {
+        if (vs)
+            glDeleteShader(vs);
+        return 0;
+    }
+    GLuint prog = glCreateProgram();
+    glAttachShader(prog, vs);
+    glAttachShader(prog, fs);
+    glLinkProgram(prog);
+    glDeleteShader(vs);
+    glDeleteShader(fs);
+    GLint ok = GL_FALSE;
+    glGetProgramiv(prog, GL_LINK_STATUS, &ok);
+    if (ok != GL_TRUE) {
+        char log[2048] = {};
+        glGetProgramInfoLog(prog, sizeof log, nullptr, log);
+        std::fprintf(stderr, "kam-shadow-app: program link failed:\n%s\n", log);
+        glDeleteProgram(prog);
+        return 0;
+    }
+    return prog;
+}
+
+bool write_png(const std::string &path, int w, int h, const std::vector<uint8_t> &rgba_bottom_up) {
+    FILE *fp = std::fopen(path.c_str(), "wb");
+    if (!fp) {
+        std::fprintf(stderr, "kam-shadow-app: cannot open '%s' for writing: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    // GL rows start at the bottom of the image; PNG rows start at the top.
+    std::vector<png_bytep> rows(static_cast<size_t>(h));
+    const size_t stride = static_cast<size_t>(w) * 4;
+    for (int y = 0; y < h; ++y)
+        rows[static_cast<size_t>(y)] =
+            const_cast<png_bytep>(rgba_bottom_up.data() + static_cast<size_t>(h - 1 - y) * stride);
+
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (!png || !info) {
+        std::fprintf(stderr, "kam-shadow-app: libpng initialisation failed\n");
+        png_destroy_write_struct(&png, &info);
+        std::fclose(fp);
+        return false;
+    }
+    if (setjmp(png_jmpbuf(png))) {
+        std::fprintf(stderr, "kam-shadow-app: libpng failed while writing '%s'\n", path.c_str());
+        png_destroy_write_struct(&png, &info);
+        std::fclose(fp);
+        return false;
+    }
+    png_init_io(png, fp);
+    png_set_IHDR(png, info, static_cast<png_uint_32>(w), static_cast<png_uint_32>(h), 8, PNG_COLOR_TYPE_RGBA,
+                 PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    png_write_image(png, rows.data());
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    if (std::fclose(fp) != 0) {
+        std::fprintf(stderr, "kam-shadow-app: error closing '%s': %s\n", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Scene
+
+// Layout: the window is a 4x4 grid of cells, one or more per group, so a
+// difference in the PNG points at the group that produced it.
+void cell_rect(int cx, int cy, float out[4]) {
+    out[0] = -1.0f + 0.5f * static_cast<float>(cx) + 0.01f;
+    out[1] = -1.0f + 0.5f * static_cast<float>(cy) + 0.01f;
+    out[2] = 0.48f;
+    out[3] = 0.48f;
+}
+
+struct Vtx {
+    float x, y;
+    uint8_t rgba[4];
+};
+static_assert(sizeof(Vtx) == 12, "Vtx is packed as the attribute layout expects");
+
+// Interleaved with a field no attribute reads, so the stride is not the
+// attributes' combined size.
+struct ClientVtx {
+    float x, y;
+    float unused;
+    uint8_t rgba[4];
+    uint32_t tag;
+};
+static_assert(sizeof(ClientVtx) == 20, "ClientVtx has the stride the draws assume");
+
+constexpr int kMapVerts = 96;
+constexpr int kBufVerts = 48;
+
+struct Scene {
+    GLuint prog_tex2d = 0, prog_tex3d = 0, prog_color = 0;
+    GLint tex2d_rect = -1, tex2d_sampler = -1;
+    GLint tex3d_rect = -1, tex3d_sampler = -1, tex3d_r = -1;
+    GLint color_rect = -1;
+
+    GLuint quad_vbo = 0, quad_vao = 0;
+    GLuint tex_rgb = 0, tex_sub = 0, tex_r8 = 0, tex_3d = 0;
+    GLuint unpack_pbo = 0;
+    GLuint pack_pbo[2] = {0, 0};
+    GLuint map_vbo = 0, map_vao = 0;
+    GLuint buf_src = 0, buf_sub = 0, buf_copy = 0, buf_vao = 0;
+    GLuint color_vbo = 0;
+
+    struct Named {
+        GLuint name;
+        bool bound;
+    };
+    std::deque<Named> vaos;
+    std::deque<GLuint> tfos;
+    bool deleted_mapped = false;
+};
+
+void bind_quad_vao(const Scene &s) { glBindVertexArray(s.quad_vao); }
+
+void draw_tex2d(const Scene &s, GLuint tex, int cx, int cy) {
+    float r[4];
+    cell_rect(cx, cy, r);
+    glUseProgram(s.prog_tex2d);
+    glUniform4fv(s.tex2d_rect, 1, r);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, tex);
+    bind_quad_vao(s);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    glBindVertexArray(0);
+}
+
+void set_nearest(GLenum target) {
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(target, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    if (target == GL_TEXTURE_3D)
+        glTexParameteri(target, GL_TEXTURE_WRAP_R, GL_CLAMP_TO_EDGE);
+}
+
+// Small triangles spread over [0,1]^2, each a different colour.
+void make_triangle(uint32_t seed, float xy[6], uint8_t rgba[4]) {
+    const float cx = 0.1f + 0.8f * static_cast<float>(mix(seed, 1) & 1023) / 1023.0f;
+    const float cy = 0.1f + 0.8f * static_cast<float>(mix(seed, 2) & 1023) / 1023.0f;
+    const float sz = 0.05f + 0.15f * static_cast<float>(mix(seed, 3) & 255) / 255.0f;
+    xy[0] = cx - sz;
+    xy[1] = cy - sz;
+    xy[2] = cx + sz;
+    xy[3] = cy - sz * 0.5f;
+    xy[4] = cx;
+    xy[5] = cy + sz;
+    const uint32_t c = mix(seed, 4);
+    rgba[0] = static_cast<uint8_t>(c);
+    rgba[1] = static_cast<uint8_t>(c >> 8);
+    rgba[2] = static_cast<uint8_t>(c >> 16);
+    rgba[3] = 255;
+}
+
+void fill_vtx(Vtx *v, int count, uint32_t seed) {
+    for (int t = 0; t + 3 <= count; t += 3) {
+        float xy[6];
+        uint8_t c[4];
+        make_triangle(mix(seed, static_cast<uint32_t>(t)), xy, c);
+        for (int k = 0; k < 3; ++k) {
+            v[t + k].x = xy[2 * k];
+            v[t + k].y = xy[2 * k + 1];
+            std::memcpy(v[t + k].rgba, c, 4);
+        }
+    }
+}
+
+void point_color_attribs(GLuint vbo, GLintptr first_byte) {
+    glBindBuffer(GL_ARRAY_BUFFER, vbo);
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(Vtx), reinterpret_cast<const void *>(first_byte));
+    glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, sizeof(Vtx),
+                          reinterpret_cast<const void *>(first_byte + 8));
+    glEnableVertexAttribArray(0);
+    glEnableVertexAttribArray(1);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+}
+
+void use_color(const Scene &s, int cx, int cy) {
+    float r[4];
+    cell_rect(cx, cy, r);
+    glUseProgram(s.prog_color);
+    glUniform4fv(s.color_rect, 1, r);
+}
+
+bool create_scene(Scene *s) {
+    s->prog_tex2d = link_program(kVsTex, kFsTex2D);
+    s->prog_tex3d = link_program(kVsTex, kFsTex3D);
+    s->prog_color = link_program(kVsColor, kFsColor);
+    if (!s->prog_tex2d || !s->prog_tex3d || !s->prog_color)
+        return false;
+    s->tex2d_rect = glGetUniformLocation(s->prog_tex2d, "u_rect");
+    s->tex2d_sampler = glGetUniformLocation(s->prog_tex2d, "u_tex");
+    s->tex3d_rect = glGetUniformLocation(s->prog_tex3d, "u_rect");
+    s->tex3d_sampler = glGetUniformLocation(s->prog_tex3d, "u_tex");
+    s->tex3d_r = glGetUniformLocation(s->prog_tex3d, "u_r");
+    s->color_rect = glGetUniformLocation(s->prog_color, "u_rect");
+    glUseProgram(s->prog_tex2d);
+    glUniform1i(s->tex2d_sampler, 0);
+    glUseProgram(s->prog_tex3d);
+    glUniform1i(s->tex3d_sampler, 1);
+    glUseProgram(0);
+
+    static const float quad[8] = {0, 0, 1, 0, 0, 1, 1, 1};
+    glGenBuffers(1, &s->quad_vbo);
+    glBindBuffer(GL_ARRAY_BUFFER, s->quad_vbo);
+    glBufferData(GL_ARRAY_BUFFER, sizeof quad, quad, GL_STATIC_DRAW);
+    glGenVertexArrays(1, &s->quad_vao);
+    glBindVertexArray(s->quad_vao);
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, 0, nullptr);
+    glEnableVertexAttribArray(0);
+    glVertexAttrib4f(1, 1, 1, 1, 1);
+    glBindVertexArray(0);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+
+    GLuint tex[4];
+    glGenTextures(4, tex);
+    s->tex_rgb = tex[0];
+    s->tex_sub = tex[1];
+    s->tex_r8 = tex[2];
+    s->tex_3d = tex[3];
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glBindTexture(GL_TEXTURE_2D, s->tex_rgb);
+    set_nearest(GL_TEXTURE_2D);
+    // Sub-image targets start from defined contents so that every texel
+    // that was never overwritten is still the same in both runs.
+    std::vector<uint8_t> zeros(32 * 32 * 4, 0x40);
+    glBindTexture(GL_TEXTURE_2D, s->tex_sub);
+    set_nearest(GL_TEXTURE_2D);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 32, 32, 0, GL_RGBA, GL_UNSIGNED_BYTE, zeros.data());
+    glBindTexture(GL_TEXTURE_2D, s->tex_r8);
+    set_nearest(GL_TEXTURE_2D);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_R8, 9, 5, 0, GL_RED, GL_UNSIGNED_BYTE, zeros.data());
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glActiveTexture(GL_TEXTURE1);
+    glBindTexture(GL_TEXTURE_3D, s->tex_3d);
+    set_nearest(GL_TEXTURE_3D);
+    glTexImage3D(GL_TEXTURE_3D, 0, GL_RGBA8, 5, 4, 3, 0, GL_RGBA, GL_UNSIGNED_BYTE, zeros.data());
+    glActiveTexture(GL_TEXTURE0);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+
+    glGenBuffers(1, &s->unpack_pbo);
+    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, s->unpack_pbo);
+    glBufferData(GL_PIXEL_UNPACK_BUFFER, 256, nullptr, GL_STREAM_DRAW);
+    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
+
+    glGenBuffers(2, s->pack_pbo);
+    for (GLuint b : s->pack_pbo) {
+        glBindBuffer(GL_PIXEL_PACK_BUFFER, b);
+        glBufferData(GL_PIXEL_PACK_BUFFER, 16 + 16 * 8 * 4, nullptr, GL_STREAM_READ);
+    }
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+
+    glGenBuffers(1, &s->map_vbo);
+    glBindBuffer(GL_ARRAY_BUFFER, s->map_vbo);
+    glBufferData(GL_ARRAY_BUFFER, kMapVerts * sizeof(Vtx), nullptr, GL_DYNAMIC_DRAW);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    glGenVertexArrays(1, &s->map_vao);
+    glBindVertexArray(s->map_vao);
+    point_color_attribs(s->map_vbo, 0);
+    glBindVertexArray(0);
+
+    glGenBuffers(1, &s->buf_src);
+    glGenBuffers(1, &s->buf_sub);
+    glGenBuffers(1, &s->buf_copy);
+    glGenVertexArrays(1, &s->buf_vao);
+
+    // Colours for the draw that mixes a buffer attribute with a client one.
+    std::vector<uint8_t> colors(128 * 4);
+    for (size_t i = 0; i < colors.size(); ++i)
+        colors[i] = static_cast<uint8_t>((i % 4 == 3) ? 255 : mix(99, static_cast<uint32_t>(i)) >> 24);
+    glGenBuffers(1, &s->color_vbo);
+    glBindBuffer(GL_ARRAY_BUFFER, s->color_vbo);
+    glBufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(colors.size()), colors.data(), GL_STATIC_DRAW);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+
+    GLenum err = glGetError();
+    if (err != GL_NO_ERROR) {
+        std::fprintf(stderr, "kam-shadow-app: GL error 0x%04x while creating the scene\n", err);
+        return false;
+    }
+    return true;
+}
+
+void destroy_scene(Scene *s) {
+    glBindVertexArray(0);
+    for (const auto &v : s->vaos)
+        glDeleteVertexArrays(1, &v.name);
+    for (GLuint t : s->tfos)
+        glDeleteTransformFeedbacks(1, &t);
+    GLuint vaos[3] = {s->quad_vao, s->map_vao, s->buf_vao};
+    glDeleteVertexArrays(3, vaos);
+    GLuint bufs[9] = {s->quad_vbo, s->unpack_pbo, s->pack_pbo[0], s->pack_pbo[1], s->map_vbo,
+                      s->buf_src,  s->buf_sub,    s->buf_copy,    s->color_vbo};
+    glDeleteBuffers(9, bufs);
+    GLuint tex[4] = {s->tex_rgb, s->tex_sub, s->tex_r8, s->tex_3d};
+    glDeleteTextures(4, tex);
+    glDeleteProgram(s->prog_tex2d);
+    glDeleteProgram(s->prog_tex3d);
+    glDeleteProgram(s->prog_color);
+}
+
+void reset_unpack() {
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+    glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
+    glPixelStorei(GL_UNPACK_SKIP_ROWS, 0);
+    glPixelStorei(GL_UNPACK_IMAGE_HEIGHT, 0);
+    glPixelStorei(GL_UNPACK_SKIP_IMAGES, 0);
+}
+
+void reset_pack() {
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+    glPixelStorei(GL_PACK_SKIP_PIXELS, 0);
+    glPixelStorei(GL_PACK_SKIP_ROWS, 0);
+}
+
+void set_unpack(int alignment, int row_length, int skip_pixels, int skip_rows, int image_height,
+                int skip_images) {
+    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, row_length);
+    glPixelStorei(GL_UNPACK_SKIP_PIXELS, skip_pixels);
+    glPixelStorei(GL_UNPACK_SKIP_ROWS, skip_rows);
+    glPixelStorei(GL_UNPACK_IMAGE_HEIGHT, image_height);
+    glPixelStorei(GL_UNPACK_SKIP_IMAGES, skip_images);
+}
+
+// ---------------------------------------------------------------------------
+// Per-frame groups. Each depends on the frame index f only.
+
+void frame_unpack2d(Scene &s, uint32_t f) {
+    const int align = 1 << (f % 4);
+    glActiveTexture(GL_TEXTURE0);
+
+    // 13x7 RGB: three bytes a pixel, so the row padding changes with every
+    // alignment value.
+    {
+        const int rl = 15 + static_cast<int>(f % 5), sp = static_cast<int>(f % 3),
+                  sr = static_cast<int>((f / 3) % 4);
+        ClientBlock b(transfer_size(13, 7, 1, 3, rl, 0, sp, sr, 0, align));
+        b.fill(mix(f, 0x100));
+        set_unpack(align, rl, sp, sr, 0, 0);
+        glBindTexture(GL_TEXTURE_2D, s.tex_rgb);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB8, 13, 7, 0, GL_RGB, GL_UNSIGNED_BYTE, b.p);
+        b.scribble();
+    }
+    // 11x9 RGBA into a persistent 32x32 texture at a moving offset; the
+    // texture accumulates every frame's upload.
+    {
+        const int sp = static_cast<int>((f / 2) % 4), sr = static_cast<int>(f % 3);
+        const int rl = 11 + sp + static_cast<int>(f % 7);
+        ClientBlock b(transfer_size(11, 9, 1, 4, rl, 0, sp, sr, 0, align));
+        b.fill(mix(f, 0x200));
+        set_unpack(align, rl, sp, sr, 0, 0);
+        glBindTexture(GL_TEXTURE_2D, s.tex_sub);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>((f * 5) % 22), static_cast<GLint>((f * 3) % 24), 11, 9,
+                        GL_RGBA, GL_UNSIGNED_BYTE, b.p);
+        b.scribble();
+    }
+    // 9x5 single-channel with tightly described rows: only the alignment
+    // decides the row stride.
+    {
+        ClientBlock b(transfer_size(9, 5, 1, 1, 0, 0, 0, 0, 0, align));
+        b.fill(mix(f, 0x300));
+        set_unpack(align, 0, 0, 0, 0, 0);
+        glBindTexture(GL_TEXTURE_2D, s.tex_r8);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_R8, 9, 5, 0, GL_RED, GL_UNSIGNED_BYTE, b.p);
+        b.scribble();
+
+        const int a2 = 1 << ((f + 1) % 4);
+        ClientBlock c(transfer_size(3, 3, 1, 1, 5, 0, 1, 1, 0, a2));
+        c.fill(mix(f, 0x301));
+        set_unpack(a2, 5, 1, 1, 0, 0);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(f % 7), static_cast<GLint>(f % 3), 3, 3, GL_RED,
+                        GL_UNSIGNED_BYTE, c.p);
+        c.scribble();
+    }
+    reset_unpack();
+    glBindTexture(GL_TEXTURE_2D, 0);
+
+    draw_tex2d(s, s.tex_rgb, 0, 0);
+    draw_tex2d(s, s.tex_sub, 1, 0);
+    draw_tex2d(s, s.tex_r8, 2, 0);
+}
+
+void frame_unpack_pbo(Scene &s, uint32_t f) {
+    // With an unpack buffer bound the pointer argument is an offset into it,
+    // and the same pixel-store state applies; there is no client memory to
+    // copy.
+    uint8_t data[256];
+    for (int i = 0; i < 256; ++i)
+        data[i] = static_cast<uint8_t>(mix(f, 0x400 + static_cast<uint32_t>(i)) >> 24);
+    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, s.unpack_pbo);
+    glBufferSubData(GL_PIXEL_UNPACK_BUFFER, 0, sizeof data, data);
+    std::memset(data, 0x77, sizeof data);
+    set_unpack(1, 7, 2, 1, 0, 0);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, s.tex_sub);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>((f * 7) % 28), static_cast<GLint>((f * 11) % 29), 4, 3,
+                    GL_RGBA, GL_UNSIGNED_BYTE, reinterpret_cast<const void *>(static_cast<uintptr_t>(5 + f % 9)));
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
+    reset_unpack();
+    draw_tex2d(s, s.tex_sub, 3, 0);
+}
+
+void frame_tex3d(Scene &s, uint32_t f) {
+    const int align = 1 << ((f + 2) % 4);
+    glActiveTexture(GL_TEXTURE1);
+    glBindTexture(GL_TEXTURE_3D, s.tex_3d);
+    {
+        const int rl = 7, ih = 6, sp = 1, sr = static_cast<int>(f % 2), si = 1 + static_cast<int>(f % 2);
+        ClientBlock b(transfer_size(5, 4, 3, 4, rl, ih, sp, sr, si, align));
+        b.fill(mix(f, 0x500));
+        set_unpack(align, rl, sp, sr, ih, si);
+        glTexImage3D(GL_TEXTURE_3D, 0, GL_RGBA8, 5, 4, 3, 0, GL_RGBA, GL_UNSIGNED_BYTE, b.p);
+        b.scribble();
+    }
+    {
+        const int rl = 4, ih = 3, sp = 1, sr = 0, si = static_cast<int>(f % 3);
+        ClientBlock b(transfer_size(3, 2, 2, 4, rl, ih, sp, sr, si, 8));
+        b.fill(mix(f, 0x501));
+        set_unpack(8, rl, sp, sr, ih, si);
+        glTexSubImage3D(GL_TEXTURE_3D, 0, 1, static_cast<GLint>(f % 3), static_cast<GLint>(f % 2), 3, 2, 2, GL_RGBA,
+                        GL_UNSIGNED_BYTE, b.p);
+        b.scribble();
+    }
+    reset_unpack();
+    glActiveTexture(GL_TEXTURE0);
+
+    glUseProgram(s.prog_tex3d);
+    bind_quad_vao(s);
+    for (int slice = 0; slice < 3; ++slice) {
+        float r[4];
+        cell_rect(slice, 1, r);
+        glUniform4fv(s.tex3d_rect, 1, r);
+        glUniform1f(s.tex3d_r, (static_cast<float>(slice) + 0.5f) / 3.0f);
+        glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    }
+    glBindVertexArray(0);
+}
+
+void frame_map_write(Scene &s, uint32_t f, Checksum &sum) {
+    const int half = kMapVerts / 2;
+    glBindBuffer(GL_ARRAY_BUFFER, s.map_vbo);
+    // Odd frames orphan the whole store, even frames only the range written.
+    const GLbitfield inval = (f % 2) ? GL_MAP_INVALIDATE_BUFFER_BIT : GL_MAP_INVALIDATE_RANGE_BIT;
+    void *p = glMapBufferRange(GL_ARRAY_BUFFER, 0, half * sizeof(Vtx), GL_MAP_WRITE_BIT | inval);
+    if (p)
+        fill_vtx(static_cast<Vtx *>(p), half, mix(f, 0x600));
+    sum.value(p ? 1u : 0u);
+    sum.value(glUnmapBuffer(GL_ARRAY_BUFFER));
+
+    // Everything in the range is written but only two pieces are flushed;
+    // only those are drawn, since the rest is undefined after unmapping.
+    p = glMapBufferRange(GL_ARRAY_BUFFER, half * sizeof(Vtx), half * sizeof(Vtx),
+                         GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT);
+    if (p) {
+        fill_vtx(static_cast<Vtx *>(p), half, mix(f, 0x601));
+        glFlushMappedBufferRange(GL_ARRAY_BUFFER, 0, 12 * sizeof(Vtx));
+        glFlushMappedBufferRange(GL_ARRAY_BUFFER, 24 * sizeof(Vtx), 12 * sizeof(Vtx));
+    }
+    sum.value(p ? 1u : 0u);
+    sum.value(glUnmapBuffer(GL_ARRAY_BUFFER));
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+
+    glBindVertexArray(s.map_vao);
+    use_color(s, 3, 1);
+    glDrawArrays(GL_TRIANGLES, 0, half);
+    use_color(s, 0, 2);
+    glDrawArrays(GL_TRIANGLES, half, 12);
+    glDrawArrays(GL_TRIANGLES, half + 24, 12);
+    glBindVertexArray(0);
+}
+
+void frame_objects(Scene &s, uint32_t f, Checksum &sum) {
+    // Generated names become objects only when first bound, so the answers
+    // differ between the two names of a pair. Both lists are kept short so
+    // that a frame costs the same at the end of a long run as at the start.
+    if (f % 3 == 0) {
+        GLuint n[2];
+        glGenVertexArrays(2, n);
+        glBindVertexArray(n[0]);
+        glBindBuffer(GL_ARRAY_BUFFER, s.quad_vbo);
+        glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, 0, nullptr);
+        glEnableVertexAttribArray(0);
+        glBindBuffer(GL_ARRAY_BUFFER, 0);
+        glBindVertexArray(0);
+        s.vaos.push_back({n[0], true});
+        s.vaos.push_back({n[1], false});
+    }
+    if ((f % 5 == 0 && s.vaos.size() > 4) || s.vaos.size() > 12) {
+        GLuint n[2] = {s.vaos[0].name, s.vaos[1].name};
+        s.vaos.pop_front();
+        s.vaos.pop_front();
+        glDeleteVertexArrays(2, n);
+        sum.value(glIsVertexArray(n[0]));
+        sum.value(glIsVertexArray(n[1]));
+    }
+    // Deleting the bound vertex array falls back to the default one.
+    if (f % 11 == 10 && !s.vaos.empty()) {
+        GLuint n = s.vaos.back().name;
+        s.vaos.pop_back();
+        glBindVertexArray(n);
+        glDeleteVertexArrays(1, &n);
+        GLint binding = -1;
+        glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &binding);
+        sum.value(static_cast<uint32_t>(binding));
+        sum.value(glIsVertexArray(n));
+    }
+    for (const auto &v : s.vaos)
+        sum.value(glIsVertexArray(v.name) == (v.bound ? GL_TRUE : GL_FALSE) ? 0xA1u : 0xA0u);
+
+    for (const auto &v : s.vaos) {
+        if (!v.bound)
+            continue;
+        glBindVertexArray(v.name);
+        glVertexAttrib4f(1, static_cast<float>(f % 7) / 6.0f, 0.5f, static_cast<float>(v.name % 5) / 4.0f, 1.0f);
+        float r[4];
+        cell_rect(1, 2, r);
+        r[0] += 0.06f * static_cast<float>(f % 5);
+        r[2] = 0.2f;
+        r[3] = 0.2f;
+        glUseProgram(s.prog_color);
+        glUniform4fv(s.color_rect, 1, r);
+        glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+        glBindVertexArray(0);
+        break;
+    }
+
+    if (f % 4 == 0) {
+        GLuint t = 0;
+        glGenTransformFeedbacks(1, &t);
+        sum.value(glIsTransformFeedback(t));
+        glBindTransformFeedback(GL_TRANSFORM_FEEDBACK, t);
+        glBindTransformFeedback(GL_TRANSFORM_FEEDBACK, 0);
+        sum.value(glIsTransformFeedback(t));
+        s.tfos.push_back(t);
+    }
+    if ((f % 6 == 5 && s.tfos.size() > 2) || s.tfos.size() > 6) {
+        GLuint t = s.tfos.front();
+        s.tfos.pop_front();
+        glDeleteTransformFeedbacks(1, &t);
+        sum.value(glIsTransformFeedback(t));
+    }
+}
+
+void frame_client_arrays(Scene &s, uint32_t f) {
+    constexpr int kVerts = 96;
+    ClientBlock vb(kVerts * sizeof(ClientVtx));
+    ClientVtx *v = reinterpret_cast<ClientVtx *>(vb.p);
+    for (int t = 0; t < kVerts; t += 3) {
+        float xy[6];
+        uint8_t c[4];
+        make_triangle(mix(f, 0x700 + static_cast<uint32_t>(t)), xy, c);
+        for (int k = 0; k < 3; ++k) {
+            v[t + k].x = xy[2 * k];
+            v[t + k].y = xy[2 * k + 1];
+            v[t + k].unused = -1.0f;
+            std::memcpy(v[t + k].rgba, c, 4);
+            v[t + k].tag = 0xDEADBEEFu;
+        }
+    }
+    // Wrecks the vertices a finished draw used, so only a copy taken when
+    // the draw was made can still produce the right pixels.
+    auto wreck = [&](int first, int count) {
+        for (int i = first; i < first + count; ++i) {
+            v[i].x = 1.0e6f;
+            v[i].y = -1.0e6f;
+            std::memset(v[i].rgba, 0, 4);
+        }
+    };
+
+    glBindVertexArray(0);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(ClientVtx), &v[0].x);
+    glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, sizeof(ClientVtx), v[0].rgba);
+    glEnableVertexAttribArray(0);
+    glEnableVertexAttribArray(1);
+    use_color(s, 2, 2);
+
+    // 16-bit client indices over vertices 3..20, not starting at zero.
+    {
+        GLushort idx[18];
+        for (int i = 0; i < 18; ++i)
+            idx[i] = static_cast<GLushort>(3 + (i / 3) * 3 + (2 - i % 3));
+        glDrawElements(GL_TRIANGLES, 18, GL_UNSIGNED_SHORT, idx);
+        std::memset(idx, 0xFF, sizeof idx);
+        wreck(3, 18);
+    }
+    use_color(s, 3, 2);
+    // 32-bit client indices over 24..44, in reverse triangle order.
+    {
+        std::vector<GLuint> idx(21);
+        for (int i = 0; i < 21; ++i)
+            idx[static_cast<size_t>(i)] = static_cast<GLuint>(24 + (6 - i / 3) * 3 + i % 3);
+        glDrawElements(GL_TRIANGLES, 21, GL_UNSIGNED_INT, idx.data());
+        std::fill(idx.begin(), idx.end(), 0xFFFFFFF0u);
+        wreck(24, 21);
+    }
+    use_color(s, 0, 3);
+    // Declared range 48..65 with indices inside it.
+    {
+        GLushort idx[18];
+        for (int i = 0; i < 18; ++i)
+            idx[i] = static_cast<GLushort>(48 + i);
+        glDrawRangeElements(GL_TRIANGLES, 48, 65, 18, GL_UNSIGNED_SHORT, idx);
+        std::memset(idx, 0xEE, sizeof idx);
+        wreck(48, 18);
+    }
+    // Plain arrays draw with a non-zero first vertex. A non-indexed draw from
+    // client arrays is recorded with the application's own pointers (only
+    // indexed draws know which vertices to copy), so its vertices must stay
+    // as they are until the frame is presented, as they would have to for a
+    // driver that reads client arrays late.
+    glDrawArrays(GL_TRIANGLES, 66, 12);
+
+    use_color(s, 1, 3);
+    // Positions from client memory, colours from a buffer.
+    {
+        glBindBuffer(GL_ARRAY_BUFFER, s.color_vbo);
+        glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, 0, reinterpret_cast<const void *>(4 * (f % 8)));
+        glBindBuffer(GL_ARRAY_BUFFER, 0);
+        GLushort idx[6] = {78, 79, 80, 81, 82, 83};
+        glDrawElements(GL_TRIANGLES, 6, GL_UNSIGNED_SHORT, idx);
+        wreck(78, 6);
+    }
+    // A constant colour with the array disabled.
+    {
+        glDisableVertexAttribArray(1);
+        glVertexAttrib4f(1, 0.25f, static_cast<float>(f % 4) / 3.0f, 0.75f, 1.0f);
+        glDrawArrays(GL_TRIANGLES, 84, 12);  // left intact, as above
+    }
+    glDisableVertexAttribArray(0);
+    glDisableVertexAttribArray(1);
+    glVertexAttrib4f(1, 1, 1, 1, 1);
+}
+
+void frame_buffers(Scene &s, uint32_t f, Checksum &sum) {
+    const GLsizeiptr bytes = kBufVerts * sizeof(Vtx);
+    {
+        ClientBlock b(static_cast<size_t>(bytes));
+        fill_vtx(reinterpret_cast<Vtx *>(b.p), kBufVerts, mix(f, 0x800));
+        glBindBuffer(GL_ARRAY_BUFFER, s.buf_src);
+        glBufferData(GL_ARRAY_BUFFER, bytes, b.p, GL_STREAM_DRAW);
+        b.scribble();
+    }
+    glBindBuffer(GL_ARRAY_BUFFER, s.buf_sub);
+    glBufferData(GL_ARRAY_BUFFER, bytes, nullptr, GL_DYNAMIC_DRAW);
+    for (int part = 0; part < 2; ++part) {
+        ClientBlock b(static_cast<size_t>(bytes / 2));
+        fill_vtx(reinterpret_cast<Vtx *>(b.p), kBufVerts / 2, mix(f, 0x810 + static_cast<uint32_t>(part)));
+        glBufferSubData(GL_ARRAY_BUFFER, part * (bytes / 2), bytes / 2, b.p);
+        b.scribble();
+    }
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+
+    // The copy target is deleted and made again now and then, so its name
+    // may come back recycled.
+    if (f % 7 == 0) {
+        glDeleteBuffers(1, &s.buf_copy);
+        sum.value(glIsBuffer(s.buf_copy));
+        glGenBuffers(1, &s.buf_copy);
+        glBindBuffer(GL_COPY_WRITE_BUFFER, s.buf_copy);
+        glBufferData(GL_COPY_WRITE_BUFFER, bytes, nullptr, GL_DYNAMIC_COPY);
+        glBindBuffer(GL_COPY_WRITE_BUFFER, 0);
+    }
+    glBindBuffer(GL_COPY_READ_BUFFER, s.buf_src);
+    glBindBuffer(GL_COPY_WRITE_BUFFER, s.buf_copy);
+    glCopyBufferSubData(GL_COPY_READ_BUFFER, GL_COPY_WRITE_BUFFER, 0, bytes / 2, bytes / 2);
+    glBindBuffer(GL_COPY_READ_BUFFER, s.buf_sub);
+    glCopyBufferSubData(GL_COPY_READ_BUFFER, GL_COPY_WRITE_BUFFER, bytes / 2, 0, bytes / 2);
+    glBindBuffer(GL_COPY_READ_BUFFER, 0);
+    glBindBuffer(GL_COPY_WRITE_BUFFER, 0);
+
+    // Deleting a mapped buffer unmaps it; the binding falls back to zero.
+    if (!s.deleted_mapped && f == 50) {
+        GLuint d = 0;
+        glGenBuffers(1, &d);
+        glBindBuffer(GL_ARRAY_BUFFER, d);
+        glBufferData(GL_ARRAY_BUFFER, 4096, nullptr, GL_DYNAMIC_DRAW);
+        void *p = glMapBufferRange(GL_ARRAY_BUFFER, 0, 4096, GL_MAP_WRITE_BIT | GL_MAP_INVALIDATE_BUFFER_BIT);
+        if (p)
+            std::memset(p, 0x3C, 4096);
+        sum.value(p ? 1u : 0u);
+        glDeleteBuffers(1, &d);
+        GLint binding = -1;
+        glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &binding);
+        sum.value(static_cast<uint32_t>(binding));
+        sum.value(glIsBuffer(d));
+        s.deleted_mapped = true;
+    }
+
+    glBindVertexArray(s.buf_vao);
+    point_color_attribs(s.buf_src, 0);
+    use_color(s, 2, 3);
+    glDrawArrays(GL_TRIANGLES, 0, kBufVerts);
+    point_color_attribs(s.buf_sub, 0);
+    use_color(s, 3, 3);
+    glDrawArrays(GL_TRIANGLES, 0, kBufVerts);
+    point_color_attribs(s.buf_copy, 0);
+    use_color(s, 3, 3);
+    glDrawArrays(GL_TRIANGLES, 0, kBufVerts);
+    glBindVertexArray(0);
+}
+
+void frame_read_client(uint32_t f, Checksum &sum) {
+    const int align = 1 << (f % 4);
+    const int rl = 9 + static_cast<int>(f % 3), sp = static_cast<int>(f % 2), sr = static_cast<int>(f % 3);
+    const size_t n = transfer_size(7, 5, 1, 4, rl, 0, sp, sr, 0, align);
+    // Filled first so that bytes the read must leave alone (row padding,
+    // skipped pixels) are checked as well.
+    std::vector<uint8_t> buf(n, 0xA5);
+    glPixelStorei(GL_PACK_ALIGNMENT, align);
+    glPixelStorei(GL_PACK_ROW_LENGTH, rl);
+    glPixelStorei(GL_PACK_SKIP_PIXELS, sp);
+    glPixelStorei(GL_PACK_SKIP_ROWS, sr);
+    glReadPixels(static_cast<GLint>((f * 37) % 249), static_cast<GLint>((f * 53) % 251), 7, 5, GL_RGBA,
+                 GL_UNSIGNED_BYTE, buf.data());
+    reset_pack();
+    sum.bytes(buf.data(), buf.size());
+}
+
+void map_pack(const Scene &s, int which, Checksum &sum) {
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, s.pack_pbo[which]);
+    const void *p = glMapBufferRange(GL_PIXEL_PACK_BUFFER, 16, 16 * 8 * 4, GL_MAP_READ_BIT);
+    sum.value(p ? 1u : 0u);
+    if (p)
+        sum.bytes(p, 16 * 8 * 4);
+    sum.value(glUnmapBuffer(GL_PIXEL_PACK_BUFFER));
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+}
+
+// Reads this frame into one buffer and maps the one filled the frame before,
+// the usual way to read back without waiting.
+void frame_read_pbo(const Scene &s, uint32_t f, bool last, Checksum &sum) {
+    const int cur = static_cast<int>(f % 2);
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, s.pack_pbo[cur]);
+    glReadPixels(static_cast<GLint>((f * 29) % 240), static_cast<GLint>((f * 17) % 248), 16, 8, GL_RGBA,
+                 GL_UNSIGNED_BYTE, reinterpret_cast<void *>(static_cast<uintptr_t>(16)));
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+    if (f > 0)
+        map_pack(s, 1 - cur, sum);
+    if (last)
+        map_pack(s, cur, sum);
+}
+
+// ---------------------------------------------------------------------------
+// Platform
+
+struct Platform {
+    Display *xdpy = nullptr;
+    Window win = 0;
+    Colormap cmap = 0;
+    EGLDisplay dpy = EGL_NO_DISPLAY;
+    EGLConfig config = nullptr;
+    EGLContext ctx = EGL_NO_CONTEXT;
+    EGLSurface surf = EGL_NO_SURFACE;
+    bool egl_initialized = false;
+};
+
+bool egl_fail(const char *what) {
+    std::fprintf(stderr, "kam-shadow-app: %s failed: EGL error 0x%04x\n", what, eglGetError());
+    return false;
+}
+
+// Mesa sorts 10-10-10-2 configs ahead of 8-8-8-8 ones even when 8 bits are
+// requested; a wrong pick changes the read-back bytes, so every candidate is
+// checked exactly.
+bool choose_config(Platform *p, XVisualInfo *vis_out) {
+    static const EGLint attribs[] = {
+        EGL_SURFACE_TYPE, EGL_WINDOW_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
+        EGL_RED_SIZE,     8,              EGL_GREEN_SIZE,      8,
+        EGL_BLUE_SIZE,    8,              EGL_ALPHA_SIZE,      8,
+        EGL_NONE,
+    };
+    EGLint count = 0;
+    if (!eglChooseConfig(p->dpy, attribs, nullptr, 0, &count))
+        return egl_fail("eglChooseConfig");
+    if (count <= 0) {
+        std::fprintf(stderr, "kam-shadow-app: no EGL config supports an ES3 window with RGBA8\n");
+        return false;
+    }
+    std::vector<EGLConfig> configs(static_cast<size_t>(count));
+    if (!eglChooseConfig(p->dpy, attribs, configs.data(), count, &count))
+        return egl_fail("eglChooseConfig");
+    for (EGLint i = 0; i < count; ++i) {
+        EGLint r = 0, g = 0, b = 0, a = 0, vid = 0;
+        eglGetConfigAttrib(p->dpy, configs[i], EGL_RED_SIZE, &r);
+        eglGetConfigAttrib(p->dpy, configs[i], EGL_GREEN_SIZE, &g);
+        eglGetConfigAttrib(p->dpy, configs[i], EGL_BLUE_SIZE, &b);
+        eglGetConfigAttrib(p->dpy, configs[i], EGL_ALPHA_SIZE, &a);
+        eglGetConfigAttrib(p->dpy, configs[i], EGL_NATIVE_VISUAL_ID, &vid);
+        if (r != 8 || g != 8 || b != 8 || a != 8)
+            continue;
+        XVisualInfo tmpl{};
+        tmpl.visualid = vid != 0 ? static_cast<VisualID>(vid)
+                                 : XVisualIDFromVisual(DefaultVisual(p->xdpy, DefaultScreen(p->xdpy)));
+        int nvis = 0;
+        XVisualInfo *vi = XGetVisualInfo(p->xdpy, VisualIDMask, &tmpl, &nvis);
+        if (!vi || nvis < 1) {
+            if (vi)
+                XFree(vi);
+            continue;
+        }
+        *vis_out = vi[0];
+        XFree(vi);
+        p->config = configs[i];
+        return true;
+    }
+    std::fprintf(stderr, "kam-shadow-app: none of the %d EGL configs is exactly RGBA 8-8-8-8 with an X visual\n",
+                 count);
+    return false;
+}
+
+bool setup_platform(Platform *p) {
+    p->xdpy = XOpenDisplay(nullptr);
+    if (!p->xdpy) {
+        const char *name = std::getenv("DISPLAY");
+        std::fprintf(stderr, "kam-shadow-app: cannot open X display '%s'\n", name ? name : "(DISPLAY unset)");
+        return false;
+    }
+    setenv("EGL_PLATFORM", "x11", 0);
+    p->dpy = eglGetDisplay(reinterpret_cast<EGLNativeDisplayType>(p->xdpy));
+    if (p->dpy == EGL_NO_DISPLAY)
+        return egl_fail("eglGetDisplay");
+    EGLint major = 0, minor = 0;
+    if (!eglInitialize(p->dpy, &major, &minor))
+        return egl_fail("eglInitialize");
+    p->egl_initialized = true;
+    if (!eglBindAPI(EGL_OPENGL_ES_API))
+        return egl_fail("eglBindAPI(EGL_OPENGL_ES_API)");
+
+    XVisualInfo vis{};
+    if (!choose_config(p, &vis))
+        return false;
+
+    const int screen = DefaultScreen(p->xdpy);
+    const Window root = RootWindow(p->xdpy, screen);
+    // The config's visual may be deeper than the root's, which requires an
+    // explicit colormap and border pixel or XCreateWindow fails.
+    p->cmap = XCreateColormap(p->xdpy, root, vis.visual, AllocNone);
+    XSetWindowAttributes swa{};
+    swa.colormap = p->cmap;
+    swa.background_pixel = 0;
+    swa.border_pixel = 0;
+    swa.event_mask = StructureNotifyMask;
+    p->win = XCreateWindow(p->xdpy, root, 0, 0, kWidth, kHeight, 0, vis.depth, InputOutput, vis.visual,
+                           CWColormap | CWBackPixel | CWBorderPixel | CWEventMask, &swa);
+    if (!p->win) {
+        std::fprintf(stderr, "kam-shadow-app: XCreateWindow failed\n");
+        return false;
+    }
+    XStoreName(p->xdpy, p->win, "kam-shadow-app");
+    // A window manager resizing the window would change the read-back size.
+    XSizeHints hints{};
+    hints.flags = PSize | PMinSize | PMaxSize;
+    hints.width = hints.min_width = hints.max_width = kWidth;
+    hints.height = hints.min_height = hints.max_height = kHeight;
+    XSetWMNormalHints(p->xdpy, p->win, &hints);
+    XMapWindow(p->xdpy, p->win);
+    XEvent ev{};
+    do {
+        XWindowEvent(p->xdpy, p->win, StructureNotifyMask, &ev);
+    } while (ev.type != MapNotify);
+
+    static const EGLint ctx_attribs[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    p->ctx = eglCreateContext(p->dpy, p->config, EGL_NO_CONTEXT, ctx_attribs);
+    if (p->ctx == EGL_NO_CONTEXT)
+        return egl_fail("eglCreateContext (OpenGL ES 3.0)");
+    p->surf = eglCreateWindowSurface(p->dpy, p->config, static_cast<EGLNativeWindowType>(p->win), nullptr);
+    if (p->surf == EGL_NO_SURFACE)
+        return egl_fail("eglCreateWindowSurface");
+    if (!eglMakeCurrent(p->dpy, p->surf, p->surf, p->ctx))
+        return egl_fail("eglMakeCurrent");
+    if (!eglSwapInterval(p->dpy, 0))
+        return egl_fail("eglSwapInterval(0)");
+    return true;
+}
+
+void teardown_platform(Platform *p) {
+    if (p->dpy != EGL_NO_DISPLAY && p->egl_initialized) {
+        eglMakeCurrent(p->dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        if (p->surf != EGL_NO_SURFACE)
+            eglDestroySurface(p->dpy, p->surf);
+        if (p->ctx != EGL_NO_CONTEXT)
+            eglDestroyContext(p->dpy, p->ctx);
+        eglTerminate(p->dpy);
+        eglReleaseThread();
+    }
+    if (p->xdpy) {
+        if (p->win)
+            XDestroyWindow(p->xdpy, p->win);
+        if (p->cmap)
+            XFreeColormap(p->xdpy, p->cmap);
+        XCloseDisplay(p->xdpy);
+    }
+    *p = Platform{};
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options opt;
+    const int parsed = parse_args(argc, argv, &opt);
+    if (parsed > 0)
+        return 0;
+    if (parsed < 0)
+        return 2;
+
+    Platform plat;
+    if (!setup_platform(&plat)) {
+        teardown_platform(&plat);
+        return 1;
+    }
+    EGLint surf_w = 0, surf_h = 0;
+    eglQuerySurface(plat.dpy, plat.surf, EGL_WIDTH, &surf_w);
+    eglQuerySurface(plat.dpy, plat.surf, EGL_HEIGHT, &surf_h);
+    if (surf_w != kWidth || surf_h != kHeight) {
+        std::fprintf(stderr, "kam-shadow-app: window surface is %dx%d, expected %dx%d\n", surf_w, surf_h, kWidth,
+                     kHeight);
+        teardown_platform(&plat);
+        return 1;
+    }
+
+    Scene scene;
+    if (!create_scene(&scene)) {
+        destroy_scene(&scene);
+        teardown_platform(&plat);
+        return 1;
+    }
+
+    Checksum sum;
+    std::vector<uint8_t> pixels;
+    bool ok = true;
+    const char *error_group = nullptr;
+    GLenum error_code = GL_NO_ERROR;
+    long error_frame = -1;
+    auto check = [&](const char *group, long frame) {
+        if (!opt.check_errors || error_group)
+            return;
+        GLenum e = glGetError();
+        if (e != GL_NO_ERROR) {
+            error_group = group;
+            error_code = e;
+            error_frame = frame;
+        }
+    };
+
+    const double t0 = now_seconds();
+    for (long frame = 0; ok && frame < opt.frames; ++frame) {
+        // Objects made and state set by the frames before the warm-up are
+        // used by the frames after it, which is where a layer takes over.
+        if (frame == opt.warmup_after && opt.warmup_seconds > 0) {
+            const double w0 = now_seconds();
+            long warm = 0;
+            glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+            while (ok && now_seconds() - w0 < opt.warmup_seconds) {
+                glClear(GL_COLOR_BUFFER_BIT);
+                if (!eglSwapBuffers(plat.dpy, plat.surf)) {
+                    egl_fail("eglSwapBuffers");
+                    ok = false;
+                }
+                ++warm;
+            }
+            std::fprintf(stderr, "kam-shadow-app: warm-up done after %ld frames\n", warm);
+            if (!ok)
+                break;
+        }
+        const uint32_t f = static_cast<uint32_t>(frame);
+        const bool last = frame == opt.frames - 1;
+        glViewport(0, 0, kWidth, kHeight);
+        glClearColor(static_cast<float>(f % 5) / 8.0f, 0.1f, static_cast<float>(f % 3) / 6.0f, 1.0f);
+        glClear(GL_COLOR_BUFFER_BIT);
+
+        if (opt.features & kUnpack2D) {
+            frame_unpack2d(scene, f);
+            check("unpack2d", frame);
+        }
+        if (opt.features & kUnpackPbo) {
+            frame_unpack_pbo(scene, f);
+            check("unpack-pbo", frame);
+        }
+        if (opt.features & kTex3D) {
+            frame_tex3d(scene, f);
+            check("tex3d", frame);
+        }
+        if (opt.features & kMapWrite) {
+            frame_map_write(scene, f, sum);
+            check("map-write", frame);
+        }
+        if (opt.features & kObjects) {
+            frame_objects(scene, f, sum);
+            check("objects", frame);
+        }
+        if (opt.features & kClientArrays) {
+            frame_client_arrays(scene, f);
+            check("client-arrays", frame);
+        }
+        if (opt.features & kBuffers) {
+            frame_buffers(scene, f, sum);
+            check("buffers", frame);
+        }
+        if (opt.features & kReadClient) {
+            frame_read_client(f, sum);
+            check("read-client", frame);
+        }
+        if (opt.features & kReadPbo) {
+            frame_read_pbo(scene, f, last, sum);
+            check("read-pbo", frame);
+        }
+
+        if (last) {
+            pixels.assign(static_cast<size_t>(kWidth) * kHeight * 4, 0);
+            glPixelStorei(GL_PACK_ALIGNMENT, 1);
+            glReadPixels(0, 0, kWidth, kHeight, GL_RGBA, GL_UNSIGNED_BYTE, pixels.data());
+            glPixelStorei(GL_PACK_ALIGNMENT, 4);
+        }
+        if (!eglSwapBuffers(plat.dpy, plat.surf)) {
+            egl_fail("eglSwapBuffers");
+            ok = false;
+            break;
+        }
+    }
+    glFinish();
+    const double seconds = now_seconds() - t0;
+
+    // Once at the end: a query every frame would force a round trip through
+    // a layer that queues GL work, which --check-errors accepts for the sake
+    // of naming the failing group.
+    const GLenum err = glGetError();
+    sum.value(err);
+    if (error_group) {
+        std::fprintf(stderr, "kam-shadow-app: GL error 0x%04x in group %s at frame %ld\n", error_code, error_group,
+                     error_frame);
+        ok = false;
+    } else if (err != GL_NO_ERROR) {
+        std::fprintf(stderr, "kam-shadow-app: GL error 0x%04x during rendering\n", err);
+        ok = false;
+    }
+    if (ok && !pixels.empty())
+        sum.bytes(pixels.data(), pixels.size());
+    if (ok && !opt.png_path.empty() && !write_png(opt.png_path, kWidth, kHeight, pixels))
+        ok = false;
+
+    destroy_scene(&scene);
+    teardown_platform(&plat);
+
+    std::printf("checksum=%016llx\n", static_cast<unsigned long long>(sum.h));
+    std::fprintf(stderr, "kam-shadow-app: frames=%ld features=0x%x seconds=%.3f\n", opt.frames, opt.features,
+                 seconds);
+    return ok ? 0 : 1;
+}
