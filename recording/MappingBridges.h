@@ -50,8 +50,10 @@ public:
     glUnmapBuffer_Bridge(GLenum target_, KAMContext* context_, const MappedInfo& info_)
         : target(target_), context(context_), info(info_) {}
     void run() override {
+        // The shadow's bytes must land before the driver lets go of the
+        // real mapping.
+        if (context) context->mBindings.unmapBufferPost(target, &info);
         KAM_GL(glUnmapBuffer)(target);
-        if (context) context->mBindings.unmapBufferPost(&info);
     }
     const char* getName() override { return "glUnmapBuffer"; }
     GLenum target;

@@ -6,6 +6,7 @@
 #include "recording/Record.h"
 #include "runtime/KAMLog.h"
 #include "runtime/PlatformRecords.h"
+#include "shadow/GLCaches.h"
 
 using namespace android;
 
@@ -106,10 +107,7 @@ KAM_EXPORT GLenum kam_glGetError_opt(void) {
     return KAM_GL(glGetError)();
 }
 
-KAM_EXPORT GLboolean kam_glIsVertexArray_opt(GLuint array) {
-    KAMContext* c = activeContext();
-    if (c == nullptr) return KAM_GL(glIsVertexArray)(array);
-    return c->mWorker->postSync([&] { return KAM_GL(glIsVertexArray)(array); }, "kam_glIsVertexArray_opt");
-}
+// Answered from the names the application was given, without the driver.
+KAM_EXPORT GLboolean kam_glIsVertexArray_opt(GLuint array) { return isVertexArrayFromShadow(array); }
 
 }  // extern "C"

@@ -9,7 +9,7 @@
 namespace android {
 
 KAMContext::KAMContext(void* eglContext, bool clientArrays)
-    : mAttribArrays(new ClientArray*[kAttribSlots]()), mEglContext(eglContext), mClientArrays(clientArrays) {
+    : mAttribArrays(new ClientArray*[kAttribRecords]()), mEglContext(eglContext), mClientArrays(clientArrays) {
     PlatformContextRecord* record = contextRecord(eglContext);
     record->kamContext = this;
     mDisplay = record->display;
@@ -35,7 +35,7 @@ KAMContext::~KAMContext() {
     mTls.clear();
     mWorker.clear();
     // mMemory, mCaches and mBindings go with the members, in that order.
-    for (int i = 0; i < kAttribSlots; ++i) delete mAttribArrays[i];
+    for (int i = 0; i < kAttribRecords; ++i) delete mAttribArrays[i];
     delete[] mAttribArrays;
 }
 

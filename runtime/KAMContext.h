@@ -28,6 +28,9 @@ class KAMThreadLocal;
 class KAM_EXPORT KAMContext : public virtual RefBase {
 public:
     static constexpr int kAttribSlots = 16;
+    // glVertexAttribPointer admits index 16 as well; its record lives in an
+    // extra slot that draws never copy.
+    static constexpr int kAttribRecords = kAttribSlots + 1;
 
     KAMContext(void* eglContext, bool clientArrays);
     ~KAMContext() override;

@@ -1,1 +1,250 @@
-// placeholder: filled by the shadow-state work
+// Client vertex arrays and draws on an offloaded thread: the draw is replayed
+// after the application has moved on, so what it reads from client memory is
+// copied into the frame arena first.
+
+#include <cstring>
+
+#include "kam_bridges.h"
+#include "recording/Record.h"
+#include "shadow/ClientArray.h"
+
+namespace android {
+
+int kamTypeSize(GLenum type) {
+    switch (type) {
+        case GL_BYTE:
+        case GL_UNSIGNED_BYTE:
+            return 1;
+        case GL_SHORT:
+        case GL_UNSIGNED_SHORT:
+        case GL_HALF_FLOAT:
+        case GL_UNSIGNED_SHORT_4_4_4_4:
+        case GL_UNSIGNED_SHORT_5_5_5_1:
+        case GL_UNSIGNED_SHORT_5_6_5:
+        case GL_HALF_FLOAT_OES:
+            return 2;
+        case GL_INT:
+        case GL_UNSIGNED_INT:
+        case GL_FLOAT:
+        case GL_UNSIGNED_INT_2_10_10_10_REV:
+        case GL_UNSIGNED_INT_24_8:
+        case GL_UNSIGNED_INT_10F_11F_11F_REV:
+        case GL_UNSIGNED_INT_5_9_9_9_REV:
+            return 4;
+        case GL_FLOAT_32_UNSIGNED_INT_24_8_REV:
+            return 8;
+        default:
+            return 0;
+    }
+}
+
+namespace {
+
+template <class T>
+int64_t maxIndexOf(const void* indices, GLsizei count) {
+    const T* p = static_cast<const T*>(indices);
+    int64_t best = 0;
+    for (GLsizei i = 0; i < count; ++i) {
+        // 32-bit indices compare as signed: a primitive-restart index or
+        // garbage at the top of the range must not make the copy huge.
+        const int64_t v =
+            sizeof(T) == 4 ? static_cast<int64_t>(static_cast<int32_t>(p[i])) : static_cast<int64_t>(p[i]);
+        if (v > best) best = v;
+    }
+    return best;
+}
+
+}  // namespace
+
+void applyAttribs(const char*, GLsizei count, GLenum type, const void* indices) {
+    KAMContext* c = activeContext();
+    if (c == nullptr || !kamIsClientMemory(indices) || !c->mClientArrays) return;
+    if (c->mBindings.getBindingBuffer(GL_ELEMENT_ARRAY_BUFFER) != 0) return;
+    if (count < 1) return;
+    int64_t maxIndex;
+    switch (type) {
+        case GL_UNSIGNED_BYTE: maxIndex = maxIndexOf<uint8_t>(indices, count); break;
+        case GL_UNSIGNED_SHORT: maxIndex = maxIndexOf<uint16_t>(indices, count); break;
+        case GL_UNSIGNED_INT: maxIndex = maxIndexOf<uint32_t>(indices, count); break;
+        default: return;
+    }
+    // Vertex 0 alone is left to the application's pointer, deliberately.
+    if (maxIndex < 1) return;
+    const size_t vertices = static_cast<size_t>(maxIndex) + 1;
+    for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot) {
+        const ClientArray* a = c->mAttribArrays[slot];
+        if (a == nullptr || a->pointer == nullptr) continue;
+        const size_t elemSize = static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
+        const size_t total = elemSize * vertices;
+        const void* pointer = a->pointer;
+        uint8_t* copy = static_cast<uint8_t*>(c->mMemory.malloc(total, nullptr));
+        if (copy != nullptr) {
+            if (a->stride == 0 || static_cast<size_t>(a->stride) == elemSize) {
+                memcpy(copy, pointer, total);
+            } else {
+                // Packed as it is copied, so the worker's pointer has stride 0.
+                const uint8_t* src = static_cast<const uint8_t*>(pointer);
+                for (size_t v = 0; v < vertices; ++v) memcpy(copy + v * elemSize, src + v * a->stride, elemSize);
+            }
+            pointer = copy;
+        }
+        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, GLsizei(0), pointer);
+    }
+}
+
+}  // namespace android
+
+using namespace android;
+
+namespace {
+
+// Indexed draws: indices in client memory are copied (the vertex data only
+// where the caller asked applyAttribs first). A copy that cannot be made
+// runs the draw on the worker with the caller's pointer: false then.
+template <class Sync>
+bool copyIndices(KAMContext* c, const char* label, GLsizei count, GLenum type, const void*& indices, Sync&& sync) {
+    if (!kamIsClientMemory(indices) || c->mBindings.getBindingBuffer(GL_ELEMENT_ARRAY_BUFFER) != 0) return true;
+    const long long bytes = static_cast<long long>(kamTypeSize(type)) * count;
+    const void* copy = bytes >= 1 ? c->mMemory.malloc(static_cast<size_t>(bytes), indices) : nullptr;
+    if (copy == nullptr) {
+        c->mWorker->postSync(sync, label);
+        return false;
+    }
+    indices = copy;
+    return true;
+}
+
+// A client-memory indirect command is not sized by the layer: those draws
+// wait for the worker.
+bool indirectFromClient(KAMContext* c, const void* indirect) {
+    return kamIsClientMemory(indirect) && c->mBindings.getBindingBuffer(GL_DRAW_INDIRECT_BUFFER) == 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum type, GLboolean normalized,
+                                              GLsizei stride, const void* pointer) {
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glVertexAttribPointer)(index, size, type, normalized, stride, pointer);
+    if (index <= 16 && c->mClientArrays) {
+        ClientArray*& a = c->mAttribArrays[index];
+        if (!kamIsClientMemory(pointer)) {
+            if (a != nullptr) a->pointer = nullptr;
+        } else {
+            if (a == nullptr) a = new ClientArray();
+            a->index = index;
+            a->size = size;
+            a->type = type;
+            a->normalized = normalized;
+            a->stride = stride;
+            a->pointer = pointer;
+        }
+    }
+    kamRecord<glVertexAttribPointer_Bridge>(c, index, size, type, normalized, stride, pointer);
+}
+
+// Integer attributes are tracked and replayed through glVertexAttribPointer,
+// so one record per index covers both.
+KAM_EXPORT void kam_glVertexAttribIPointer_opt(GLuint index, GLint size, GLenum type, GLsizei stride,
+                                               const void* pointer) {
+    if (activeContext() == nullptr) return KAM_GL(glVertexAttribIPointer)(index, size, type, stride, pointer);
+    kam_glVertexAttribPointer_opt(index, size, type, GL_FALSE, stride, pointer);
+}
+
+KAM_EXPORT void kam_glDisableVertexAttribArray_opt(GLuint index) {
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glDisableVertexAttribArray)(index);
+    kamRecord<glDisableVertexAttribArray_Bridge>(c, index);
+    if (c->mClientArrays && index <= 16 && c->mAttribArrays[index] != nullptr)
+        c->mAttribArrays[index]->pointer = nullptr;
+}
+
+KAM_EXPORT void kam_glDrawElements_opt(GLenum mode, GLsizei count, GLenum type, const void* indices) {
+    applyAttribs("glDrawElements", count, type, indices);
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glDrawElements)(mode, count, type, indices);
+    if (copyIndices(c, "kam_glDrawElements_opt", count, type, indices,
+                    [&] { KAM_GL(glDrawElements)(mode, count, type, indices); }))
+        kamRecord<glDrawElements_Bridge>(c, mode, count, type, indices);
+}
+
+KAM_EXPORT void kam_glDrawRangeElements_opt(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type,
+                                            const void* indices) {
+    applyAttribs("glDrawRangeElements", count, type, indices);
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glDrawRangeElements)(mode, start, end, count, type, indices);
+    if (copyIndices(c, "kam_glDrawRangeElements_opt", count, type, indices,
+                    [&] { KAM_GL(glDrawRangeElements)(mode, start, end, count, type, indices); }))
+        kamRecord<glDrawRangeElements_Bridge>(c, mode, start, end, count, type, indices);
+}
+
+// The instanced and base-vertex draws copy their indices only.
+#define KAM_DRAW_INSTANCED(NAME) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLsizei count, GLenum type, const void* indices, \
+                                     GLsizei instancecount) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, instancecount); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
+                        [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount); })) \
+            kamRecord<NAME##_Bridge>(c, mode, count, type, indices, instancecount); \
+    }
+
+#define KAM_DRAW_BASE_VERTEX(NAME) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLsizei count, GLenum type, const void* indices, \
+                                     GLint basevertex) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, basevertex); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
+                        [&] { KAM_GL(NAME)(mode, count, type, indices, basevertex); })) \
+            kamRecord<NAME##_Bridge>(c, mode, count, type, indices, basevertex); \
+    }
+
+#define KAM_DRAW_RANGE_BASE_VERTEX(NAME) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, \
+                                     const void* indices, GLint basevertex) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(mode, start, end, count, type, indices, basevertex); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
+                        [&] { KAM_GL(NAME)(mode, start, end, count, type, indices, basevertex); })) \
+            kamRecord<NAME##_Bridge>(c, mode, start, end, count, type, indices, basevertex); \
+    }
+
+#define KAM_DRAW_INSTANCED_BASE_VERTEX(NAME) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLsizei count, GLenum type, const void* indices, \
+                                     GLsizei instancecount, GLint basevertex) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, instancecount, basevertex); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
+                        [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount, basevertex); })) \
+            kamRecord<NAME##_Bridge>(c, mode, count, type, indices, instancecount, basevertex); \
+    }
+
+KAM_DRAW_INSTANCED(glDrawElementsInstanced)
+KAM_DRAW_BASE_VERTEX(glDrawElementsBaseVertex)
+KAM_DRAW_BASE_VERTEX(glDrawElementsBaseVertexOES)
+KAM_DRAW_RANGE_BASE_VERTEX(glDrawRangeElementsBaseVertex)
+KAM_DRAW_RANGE_BASE_VERTEX(glDrawRangeElementsBaseVertexOES)
+KAM_DRAW_INSTANCED_BASE_VERTEX(glDrawElementsInstancedBaseVertex)
+KAM_DRAW_INSTANCED_BASE_VERTEX(glDrawElementsInstancedBaseVertexOES)
+
+KAM_EXPORT void kam_glDrawArraysIndirect_opt(GLenum mode, const void* indirect) {
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glDrawArraysIndirect)(mode, indirect);
+    if (indirectFromClient(c, indirect))
+        return c->mWorker->postSync([&] { KAM_GL(glDrawArraysIndirect)(mode, indirect); },
+                                    "kam_glDrawArraysIndirect_opt");
+    kamRecord<glDrawArraysIndirect_Bridge>(c, mode, indirect);
+}
+
+KAM_EXPORT void kam_glDrawElementsIndirect_opt(GLenum mode, GLenum type, const void* indirect) {
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glDrawElementsIndirect)(mode, type, indirect);
+    if (indirectFromClient(c, indirect))
+        return c->mWorker->postSync([&] { KAM_GL(glDrawElementsIndirect)(mode, type, indirect); },
+                                    "kam_glDrawElementsIndirect_opt");
+    kamRecord<glDrawElementsIndirect_Bridge>(c, mode, type, indirect);
+}
+
+}  // extern "C"
