@@ -27,6 +27,11 @@ KAM_EXPORT void kam_glBindVertexArray(GLuint array) {
     KAMContext* c = attachedContext();
     if (c == nullptr) return KAM_GL(glBindVertexArray)(array);
     c->mBindings.currentVertexArray = array;
+    // A generated name becomes a vertex-array object when it is first bound,
+    // and only then does the driver's glIsVertexArray say yes: the shadow
+    // learns names here, not at generation, to give the same answer. Names
+    // bound before the context was attached are not known.
+    if (array != 0) c->mBindings.vertexArrays.insert(array);
     if (activeContext() != nullptr)
         kamRecord<glBindVertexArray_Bridge>(c, array);
     else

@@ -48,17 +48,6 @@ inline void recordDelete(KAMContext* c, GLsizei n, const GLuint* names, Origin o
     kamRecord<B>(c, n, names);
 }
 
-// Vertex-array names enter the shadow wherever the application receives them
-// while a context is attached: from the pool, from the synchronous fallback,
-// and from the origin when the context is attached but not offloaded, so that
-// glIsVertexArray answered from the shadow agrees with the driver in every
-// state. Names generated before the context was attached are not known.
-inline void rememberVertexArrays(KAMContext* c, GLsizei n, const GLuint* arrays) {
-    if (c == nullptr || arrays == nullptr) return;
-    for (GLsizei i = 0; i < n; ++i)
-        if (arrays[i] != 0) c->mBindings.vertexArrays.insert(arrays[i]);
-}
-
 }  // namespace
 
 namespace android {
@@ -253,12 +242,10 @@ KAM_EXPORT void kam_glGenVertexArrays_opt(GLsizei n, GLuint* arrays) {
     KAMContext* c = activeContext();
     if (__builtin_expect(c == nullptr, 1)) {
         KAM_GL(glGenVertexArrays)(n, arrays);
-        rememberVertexArrays(attachedContext(), n, arrays);
         return;
     }
     if (!c->mCaches.getCaches(GLCaches::kVertexArrays, n, arrays))
         c->mWorker->postSync([&] { KAM_GL(glGenVertexArrays)(n, arrays); }, "kam_glGenVertexArrays_opt");
-    rememberVertexArrays(c, n, arrays);
 }
 
 KAM_EXPORT void kam_glGenTransformFeedbacks_opt(GLsizei n, GLuint* ids) {

