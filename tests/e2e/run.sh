@@ -95,9 +95,7 @@ case "$test_name" in
     # the remaining frames all go through the worker; the warm-up leaves no
     # trace in the output, so the direct run does without it. "--args 1"
     # turns client vertex-array emulation on.
-    # Client-array draws (feature 0x40) still differ through the layer and are
-    # left out until they are fixed; every other feature is compared.
-    features=0x1bf
+    features=0x1ff
     "$build/kam-shadow-app" --frames 1500 --features $features --png "$out/direct.png" >"$out/direct.txt" 2>"$out/direct.log" \
       || fail "shadow app without the layer failed: $(cat "$out/direct.log")"
     "$kam_run" --verbose --args 1 "$build/kam-shadow-app" --frames 1500 --features $features --warmup-after 100 --warmup-seconds 6 \

@@ -853,7 +853,10 @@ void frame_objects(Scene &s, uint32_t f, Checksum &sum) {
 
 void frame_client_arrays(Scene &s, uint32_t f) {
     constexpr int kVerts = 96;
-    ClientBlock vb(kVerts * sizeof(ClientVtx));
+    // Kept for the whole run: a non-indexed draw from client arrays reads them
+    // whenever the GL gets to it (with a queuing layer, after this function
+    // has returned), so they must outlive the frame.
+    static ClientBlock vb(kVerts * sizeof(ClientVtx));
     ClientVtx *v = reinterpret_cast<ClientVtx *>(vb.p);
     for (int t = 0; t < kVerts; t += 3) {
         float xy[6];
