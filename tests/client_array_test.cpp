@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -346,6 +347,75 @@ TEST_F(ClientArrayTest, IndirectDrawsFromClientMemoryWait) {
             ASSERT_EQ(all.size(), 1u);
             EXPECT_EQ(all[0].args.back(), reinterpret_cast<uintptr_t>(command)) << "the caller's pointer, uncopied";
         }
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Random attribute layouts and index lists against client buffers of exactly
+// the size the draw reaches: under AddressSanitizer a read past what the
+// indices reach fails the run; the replayed bytes must be the packed vertices.
+TEST_F(ClientArrayTest, RandomLayoutsCopyExactlyWhatTheIndicesReach) {
+    struct AttribType {
+        GLenum type;
+        int bytes;
+    } types[] = {{GL_BYTE, 1}, {GL_UNSIGNED_BYTE, 1}, {GL_SHORT, 2}, {GL_UNSIGNED_SHORT, 2}, {GL_FLOAT, 4},
+                 {GL_INT, 4}, {GL_UNSIGNED_INT, 4}, {GL_HALF_FLOAT, 2}};
+    uint32_t seed = 12345;
+    auto next = [&seed](uint32_t n) {
+        seed = seed * 1664525u + 1013904223u;
+        return (seed >> 8) % n;
+    };
+    for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE(round);
+        const AttribType at = types[next(8)];
+        const int size = 1 + static_cast<int>(next(4));
+        const int elem = at.bytes * size;
+        const int stride = next(3) == 0 ? 0 : elem + static_cast<int>(next(13));
+        const int step = stride ? stride : elem;
+        const GLenum indexType = next(3) == 0 ? GL_UNSIGNED_BYTE : next(2) ? GL_UNSIGNED_SHORT : GL_UNSIGNED_INT;
+        const uint32_t limit = indexType == GL_UNSIGNED_BYTE ? 200 : 300;
+        const int count = 1 + static_cast<int>(next(48));
+        std::vector<uint32_t> values(count);
+        uint32_t maxIndex = 0;
+        for (uint32_t& v : values) {
+            v = next(limit);
+            // A top-bit index never counts as the largest.
+            if (indexType == GL_UNSIGNED_INT && next(16) == 0) v = 0x80000000u | next(1000);
+            if (!(v & 0x80000000u)) maxIndex = std::max(maxIndex, v);
+        }
+        std::vector<uint8_t> idx(count * (indexType == GL_UNSIGNED_BYTE ? 1 : indexType == GL_UNSIGNED_SHORT ? 2 : 4));
+        for (int i = 0; i < count; ++i) {
+            if (indexType == GL_UNSIGNED_BYTE) idx[i] = static_cast<uint8_t>(values[i]);
+            else if (indexType == GL_UNSIGNED_SHORT) reinterpret_cast<uint16_t*>(idx.data())[i] = static_cast<uint16_t>(values[i]);
+            else reinterpret_cast<uint32_t*>(idx.data())[i] = values[i];
+        }
+        // Exactly the bytes vertex maxIndex ends at: one more is out of bounds.
+        std::vector<uint8_t> data(static_cast<size_t>(maxIndex) * step + elem);
+        for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + round);
+        std::vector<uint8_t> packed;
+        for (uint32_t v = 0; v <= maxIndex; ++v)
+            packed.insert(packed.end(), data.begin() + v * step, data.begin() + v * step + elem);
+        attribBytes = maxIndex >= 1 ? packed.size() : 0;
+        indexBytes = idx.size();
+
+        kam_glVertexAttribPointer_opt(3, size, at.type, GL_FALSE, stride, data.data());
+        kam_glDrawElements_opt(GL_TRIANGLES, count, indexType, idx.data());
+        std::fill(data.begin(), data.end(), 0);
+        std::vector<Replayed> r = replay();
+        ASSERT_FALSE(r.empty());
+        EXPECT_EQ(r.back().name, "glDrawElements");
+        if (maxIndex >= 1) {
+            ASSERT_EQ(r.size(), 3u);  // the pointer as called, the packed copy, the draw
+            EXPECT_EQ(r[1].args[4], 0u);
+            EXPECT_EQ(r[1].bytes, packed);
+        }
+        kam_glDisableVertexAttribArray_opt(3);
+        ctx.frameBoundary();
+        fake::reset();
+        replayed.clear();
     }
 }
 
