@@ -5,8 +5,10 @@
 //
 //   LD_PRELOAD=build/libkam-sync-count.so build/kam-run build/kam-demo
 //
-// At exit it prints, on standard error, the synchronous posts per frame (the
-// frame task "swapBuffers" counts the frames) and the names that caused them.
+// At exit it prints, on standard error, the posts that woke the worker at once
+// per frame (the frame task "swapBuffers" counts the frames) and the names
+// that made them: synchronous calls the application thread waited for, and
+// the few that only wake the worker (the queued swap, glFinish).
 
 #include <algorithm>
 #include <cstdint>
@@ -31,7 +33,8 @@ struct Counts {
             sorted.emplace_back(n, name);
         }
         std::sort(sorted.rbegin(), sorted.rend());
-        fprintf(stderr, "kam-sync-count: %llu synchronous posts besides %llu frame tasks", (unsigned long long)total,
+        fprintf(stderr, "kam-sync-count: %llu immediate posts (synchronous calls and wake-ups) besides %llu frame tasks",
+                (unsigned long long)total,
                 (unsigned long long)frames);
         if (frames) fprintf(stderr, " (%.2f per offloaded frame)", static_cast<double>(total) / frames);
         fprintf(stderr, "\n");
@@ -48,8 +51,10 @@ Counts& counts() {
 
 extern "C" {
 
-// cutils reads these two variables in its inline tag test: marked ready with
-// the graphics tag (bit 1) on, it never opens the kernel's trace file.
+// The graphics tag (bit 1) is on. Builds of cutils whose tag test is inline
+// read the two variables instead: marked ready, they never open the kernel's
+// trace file.
+__attribute__((visibility("default"))) uint64_t atrace_get_enabled_tags() { return 1u << 1; }
 __attribute__((visibility("default"))) uint64_t atrace_enabled_tags = 1u << 1;
 __attribute__((visibility("default"))) bool atrace_is_ready = true;
 
