@@ -162,22 +162,25 @@ TEST(TexSize, MatchesA64BitReferenceOverRandomInputs) {
         const int w = value(4096), h = value(4096), d = value(64);
         const int got = texSize(p, w, h, d, f.format, f.type);
 
-        long long ref = 0;
+        // Wide enough that the reference itself cannot overflow for any
+        // input the generator makes.
+        using Wide = __int128;
+        Wide ref = 0;
         if (f.bpp != 0) {
-            const long long bpp = f.bpp;
-            const long long rowBytes = bpp * (p.mUnpackRowLength > 0 ? p.mUnpackRowLength : w);
-            const long long a = p.mUnpackAlignment;
-            const long long stride = a > 0 ? (rowBytes + a - 1) & ~(a - 1) : rowBytes;
-            const long long imageRows = p.mUnpackImageHeight > 0 ? p.mUnpackImageHeight : h;
-            ref = bpp * (static_cast<long long>(w) + p.mUnpackSkipPixels) +
-                  (static_cast<long long>(h) + p.mUnpackSkipRows +
-                   (static_cast<long long>(p.mUnpackSkipImages) + d - 1) * imageRows - 1) *
+            const Wide bpp = f.bpp;
+            const Wide rowBytes = bpp * (p.mUnpackRowLength > 0 ? p.mUnpackRowLength : w);
+            const Wide a = p.mUnpackAlignment;
+            const Wide stride = a > 0 ? (rowBytes + a - 1) & ~(a - 1) : rowBytes;
+            const Wide imageRows = p.mUnpackImageHeight > 0 ? p.mUnpackImageHeight : h;
+            ref = bpp * (static_cast<Wide>(w) + p.mUnpackSkipPixels) +
+                  (static_cast<Wide>(h) + p.mUnpackSkipRows +
+                   (static_cast<Wide>(p.mUnpackSkipImages) + d - 1) * imageRows - 1) *
                       stride;
         }
         if (ref >= INT_MIN && ref <= INT_MAX) {
             ++inRange;
             if (got != ref) {
-                ADD_FAILURE() << "draw " << i << ": " << got << " != " << ref;
+                ADD_FAILURE() << "draw " << i << ": " << got << " != " << static_cast<long long>(ref);
                 break;
             }
         }
