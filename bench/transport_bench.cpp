@@ -3,7 +3,10 @@
 //   build/bench/kam_transport_bench
 
 #include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <sched.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +19,32 @@
 using namespace android;
 
 namespace {
+// The flag that holds the worker lives on a line of its own: on the
+// benchmark's stack the spinning worker kept stealing the line the calls
+// push their return addresses to.
+struct alignas(64) HoldFlag {
+    std::atomic<bool> go{false};
+};
+HoldFlag gHold;
+}  // namespace
+
+namespace {
+
+// Two cores: the application thread on one, the worker on the other, as a
+// device's scheduler would place a busy render thread and its worker. Left to
+// itself this VM's scheduler sometimes stacks both on one core, and the
+// figures then swing by a factor of five between runs.
+void pinApart(support::ActiveContext& ctx) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) return;
+    auto pin = [](int cpu) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+        pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+    };
+    pin(0);
+    ctx.worker()->postSync([&] { pin(1); }, "pin");
+}
 
 // The arena holds a frame; a frame boundary every so many recorded calls
 // keeps a long benchmark inside it, as a real frame loop would.
@@ -51,6 +80,7 @@ BENCHMARK(BM_PassThrough_glUniform1f);
 void BM_Record_glUniform1f(benchmark::State& state) {
     fake::setRecording(false);
     support::ActiveContext ctx;
+    pinApart(ctx);
     int64_t n = 0;
     for (auto _ : state) {
         kam_glUniform1f_opt(3, 0.5f);
@@ -63,6 +93,7 @@ BENCHMARK(BM_Record_glUniform1f);
 void BM_Record_glUniformMatrix4fv_64B(benchmark::State& state) {
     fake::setRecording(false);
     support::ActiveContext ctx;
+    pinApart(ctx);
     float m[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     int64_t n = 0;
     for (auto _ : state) {
@@ -78,18 +109,19 @@ BENCHMARK(BM_Record_glUniformMatrix4fv_64B);
 void BM_ReplayThroughput(benchmark::State& state) {
     fake::setRecording(false);
     support::ActiveContext ctx;
+    pinApart(ctx);
     const int64_t batch = state.range(0);
     for (auto _ : state) {
-        std::atomic<bool> go{false};
-        ctx.worker()->post(new WorkItem("hold", [&go] {
-                               while (!go.load(std::memory_order_acquire)) {
+        gHold.go.store(false);
+        ctx.worker()->post(new WorkItem("hold", [] {
+                               while (!gHold.go.load(std::memory_order_acquire)) {
                                }
                            }),
                            true);
         for (int64_t i = 0; i < batch; ++i) kam_glUniform1f_opt(3, 0.5f);
         timespec a{}, b{};
         clock_gettime(CLOCK_MONOTONIC, &a);
-        go.store(true, std::memory_order_release);
+        gHold.go.store(true, std::memory_order_release);
         ctx.drain();
         clock_gettime(CLOCK_MONOTONIC, &b);
         state.SetIterationTime((b.tv_sec - a.tv_sec) + (b.tv_nsec - a.tv_nsec) * 1e-9);
@@ -102,6 +134,7 @@ BENCHMARK(BM_ReplayThroughput)->Arg(100000)->UseManualTime();
 void BM_PostSyncRoundTrip(benchmark::State& state) {
     fake::setRecording(false);
     support::ActiveContext ctx;
+    pinApart(ctx);
     std::vector<double> ns;
     ns.reserve(1 << 20);
     for (auto _ : state) {
@@ -129,19 +162,20 @@ namespace {
 void BM_RecordWorkerHeld_glUniform1f(benchmark::State& state) {
     fake::setRecording(false);
     support::ActiveContext ctx;
+    pinApart(ctx);
     const int64_t batch = 50000;
     for (auto _ : state) {
         state.PauseTiming();
-        std::atomic<bool> go{false};
-        ctx.worker()->post(new WorkItem("hold", [&go] {
-                               while (!go.load(std::memory_order_acquire)) {
+        gHold.go.store(false);
+        ctx.worker()->post(new WorkItem("hold", [] {
+                               while (!gHold.go.load(std::memory_order_acquire)) {
                                }
                            }),
                            true);
         state.ResumeTiming();
         for (int64_t i = 0; i < batch; ++i) kam_glUniform1f_opt(3, 0.5f);
         state.PauseTiming();
-        go.store(true);
+        gHold.go.store(true);
         ctx.frameBoundary();
         state.ResumeTiming();
     }
