@@ -246,13 +246,18 @@ TEST_F(RecordingTest, NullAndSmallPointersAreRecordedAsTheyAre) {
 }
 
 TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
-    std::atomic<bool> go{false};
+    std::atomic<bool> go{false}, holding{false};
     ctx.worker()->post(new WorkItem("hold",
-                                    [&go] {
+                                    [&go, &holding] {
+                                        holding.store(true);
                                         while (!go.load()) {
                                         }
                                     }),
                        true);
+    // Once the worker is inside the item it has taken its wake-up, so the
+    // semaphore shows only what the finish posts.
+    while (!holding.load()) {
+    }
     fake::reset();
     kam_glFinish();  // returns although the worker is held
     EXPECT_TRUE(fake::calls().empty());
