@@ -9,6 +9,7 @@ target_compile_features(kam-shadow-app PRIVATE cxx_std_17)
 target_compile_options(kam-shadow-app PRIVATE -Wall -Wextra)
 
 target_link_libraries(kam-shadow-app PRIVATE
+    kam_gles_app
     PkgConfig::EGL
     PkgConfig::GLES
     X11::X11

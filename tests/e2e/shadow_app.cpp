@@ -17,7 +17,6 @@
 #include <GLES3/gl3.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
-#include <png.h>
 #include <time.h>
 
 #include <cerrno>
@@ -28,6 +27,10 @@
 #include <deque>
 #include <string>
 #include <vector>
+
+#include "gles_window.h"
+
+using namespace glesapp;
 
 namespace {
 
@@ -273,94 +276,6 @@ void main() {
 }
 )";
 
-GLuint compile_shader(GLenum type, const char *src) {
-    GLuint sh = glCreateShader(type);
-    if (!sh) {
-        std::fprintf(stderr, "kam-shadow-app: glCreateShader failed\n");
-        return 0;
-    }
-    glShaderSource(sh, 1, &src, nullptr);
-    glCompileShader(sh);
-    GLint ok = GL_FALSE;
-    glGetShaderiv(sh, GL_COMPILE_STATUS, &ok);
-    if (ok != GL_TRUE) {
-        char log[2048] = {};
-        glGetShaderInfoLog(sh, sizeof log, nullptr, log);
-        std::fprintf(stderr, "kam-shadow-app: shader compile failed:\n%s\n", log);
-        glDeleteShader(sh);
-        return 0;
-    }
-    return sh;
-}
-
-GLuint link_program(const char *vs_src, const char *fs_src) {
-    GLuint vs = compile_shader(GL_VERTEX_SHADER, vs_src);
-    GLuint fs = vs ? compile_shader(GL_FRAGMENT_SHADER, fs_src) : 0;
-    if (!vs || !fs) {
-        if (vs)
-            glDeleteShader(vs);
-        return 0;
-    }
-    GLuint prog = glCreateProgram();
-    glAttachShader(prog, vs);
-    glAttachShader(prog, fs);
-    glLinkProgram(prog);
-    glDeleteShader(vs);
-    glDeleteShader(fs);
-    GLint ok = GL_FALSE;
-    glGetProgramiv(prog, GL_LINK_STATUS, &ok);
-    if (ok != GL_TRUE) {
-        char log[2048] = {};
-        glGetProgramInfoLog(prog, sizeof log, nullptr, log);
-        std::fprintf(stderr, "kam-shadow-app: program link failed:\n%s\n", log);
-        glDeleteProgram(prog);
-        return 0;
-    }
-    return prog;
-}
-
-bool write_png(const std::string &path, int w, int h, const std::vector<uint8_t> &rgba_bottom_up) {
-    FILE *fp = std::fopen(path.c_str(), "wb");
-    if (!fp) {
-        std::fprintf(stderr, "kam-shadow-app: cannot open '%s' for writing: %s\n", path.c_str(),
-                     std::strerror(errno));
-        return false;
-    }
-    // GL rows start at the bottom of the image; PNG rows start at the top.
-    std::vector<png_bytep> rows(static_cast<size_t>(h));
-    const size_t stride = static_cast<size_t>(w) * 4;
-    for (int y = 0; y < h; ++y)
-        rows[static_cast<size_t>(y)] =
-            const_cast<png_bytep>(rgba_bottom_up.data() + static_cast<size_t>(h - 1 - y) * stride);
-
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (!png || !info) {
-        std::fprintf(stderr, "kam-shadow-app: libpng initialisation failed\n");
-        png_destroy_write_struct(&png, &info);
-        std::fclose(fp);
-        return false;
-    }
-    if (setjmp(png_jmpbuf(png))) {
-        std::fprintf(stderr, "kam-shadow-app: libpng failed while writing '%s'\n", path.c_str());
-        png_destroy_write_struct(&png, &info);
-        std::fclose(fp);
-        return false;
-    }
-    png_init_io(png, fp);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(w), static_cast<png_uint_32>(h), 8, PNG_COLOR_TYPE_RGBA,
-                 PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    png_write_image(png, rows.data());
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
-    if (std::fclose(fp) != 0) {
-        std::fprintf(stderr, "kam-shadow-app: error closing '%s': %s\n", path.c_str(), std::strerror(errno));
-        return false;
-    }
-    return true;
-}
-
 // ---------------------------------------------------------------------------
 // Scene
 
@@ -487,9 +402,9 @@ void use_color(const Scene &s, int cx, int cy) {
 }
 
 bool create_scene(Scene *s) {
-    s->prog_tex2d = link_program(kVsTex, kFsTex2D);
-    s->prog_tex3d = link_program(kVsTex, kFsTex3D);
-    s->prog_color = link_program(kVsColor, kFsColor);
+    s->prog_tex2d = link_program(kVsTex, kFsTex2D, "2D texture");
+    s->prog_tex3d = link_program(kVsTex, kFsTex3D, "3D texture");
+    s->prog_color = link_program(kVsColor, kFsColor, "colour");
     if (!s->prog_tex2d || !s->prog_tex3d || !s->prog_color)
         return false;
     s->tex2d_rect = glGetUniformLocation(s->prog_tex2d, "u_rect");
@@ -1082,159 +997,6 @@ void frame_read_pbo(const Scene &s, uint32_t f, bool last, Checksum &sum) {
         map_pack(s, cur, sum);
 }
 
-// ---------------------------------------------------------------------------
-// Platform
-
-struct Platform {
-    Display *xdpy = nullptr;
-    Window win = 0;
-    Colormap cmap = 0;
-    EGLDisplay dpy = EGL_NO_DISPLAY;
-    EGLConfig config = nullptr;
-    EGLContext ctx = EGL_NO_CONTEXT;
-    EGLSurface surf = EGL_NO_SURFACE;
-    bool egl_initialized = false;
-};
-
-bool egl_fail(const char *what) {
-    std::fprintf(stderr, "kam-shadow-app: %s failed: EGL error 0x%04x\n", what, eglGetError());
-    return false;
-}
-
-// Mesa sorts 10-10-10-2 configs ahead of 8-8-8-8 ones even when 8 bits are
-// requested; a wrong pick changes the read-back bytes, so every candidate is
-// checked exactly.
-bool choose_config(Platform *p, XVisualInfo *vis_out) {
-    static const EGLint attribs[] = {
-        EGL_SURFACE_TYPE, EGL_WINDOW_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
-        EGL_RED_SIZE,     8,              EGL_GREEN_SIZE,      8,
-        EGL_BLUE_SIZE,    8,              EGL_ALPHA_SIZE,      8,
-        EGL_NONE,
-    };
-    EGLint count = 0;
-    if (!eglChooseConfig(p->dpy, attribs, nullptr, 0, &count))
-        return egl_fail("eglChooseConfig");
-    if (count <= 0) {
-        std::fprintf(stderr, "kam-shadow-app: no EGL config supports an ES3 window with RGBA8\n");
-        return false;
-    }
-    std::vector<EGLConfig> configs(static_cast<size_t>(count));
-    if (!eglChooseConfig(p->dpy, attribs, configs.data(), count, &count))
-        return egl_fail("eglChooseConfig");
-    for (EGLint i = 0; i < count; ++i) {
-        EGLint r = 0, g = 0, b = 0, a = 0, vid = 0;
-        eglGetConfigAttrib(p->dpy, configs[i], EGL_RED_SIZE, &r);
-        eglGetConfigAttrib(p->dpy, configs[i], EGL_GREEN_SIZE, &g);
-        eglGetConfigAttrib(p->dpy, configs[i], EGL_BLUE_SIZE, &b);
-        eglGetConfigAttrib(p->dpy, configs[i], EGL_ALPHA_SIZE, &a);
-        eglGetConfigAttrib(p->dpy, configs[i], EGL_NATIVE_VISUAL_ID, &vid);
-        if (r != 8 || g != 8 || b != 8 || a != 8)
-            continue;
-        XVisualInfo tmpl{};
-        tmpl.visualid = vid != 0 ? static_cast<VisualID>(vid)
-                                 : XVisualIDFromVisual(DefaultVisual(p->xdpy, DefaultScreen(p->xdpy)));
-        int nvis = 0;
-        XVisualInfo *vi = XGetVisualInfo(p->xdpy, VisualIDMask, &tmpl, &nvis);
-        if (!vi || nvis < 1) {
-            if (vi)
-                XFree(vi);
-            continue;
-        }
-        *vis_out = vi[0];
-        XFree(vi);
-        p->config = configs[i];
-        return true;
-    }
-    std::fprintf(stderr, "kam-shadow-app: none of the %d EGL configs is exactly RGBA 8-8-8-8 with an X visual\n",
-                 count);
-    return false;
-}
-
-bool setup_platform(Platform *p) {
-    p->xdpy = XOpenDisplay(nullptr);
-    if (!p->xdpy) {
-        const char *name = std::getenv("DISPLAY");
-        std::fprintf(stderr, "kam-shadow-app: cannot open X display '%s'\n", name ? name : "(DISPLAY unset)");
-        return false;
-    }
-    setenv("EGL_PLATFORM", "x11", 0);
-    p->dpy = eglGetDisplay(reinterpret_cast<EGLNativeDisplayType>(p->xdpy));
-    if (p->dpy == EGL_NO_DISPLAY)
-        return egl_fail("eglGetDisplay");
-    EGLint major = 0, minor = 0;
-    if (!eglInitialize(p->dpy, &major, &minor))
-        return egl_fail("eglInitialize");
-    p->egl_initialized = true;
-    if (!eglBindAPI(EGL_OPENGL_ES_API))
-        return egl_fail("eglBindAPI(EGL_OPENGL_ES_API)");
-
-    XVisualInfo vis{};
-    if (!choose_config(p, &vis))
-        return false;
-
-    const int screen = DefaultScreen(p->xdpy);
-    const Window root = RootWindow(p->xdpy, screen);
-    // The config's visual may be deeper than the root's, which requires an
-    // explicit colormap and border pixel or XCreateWindow fails.
-    p->cmap = XCreateColormap(p->xdpy, root, vis.visual, AllocNone);
-    XSetWindowAttributes swa{};
-    swa.colormap = p->cmap;
-    swa.background_pixel = 0;
-    swa.border_pixel = 0;
-    swa.event_mask = StructureNotifyMask;
-    p->win = XCreateWindow(p->xdpy, root, 0, 0, kWidth, kHeight, 0, vis.depth, InputOutput, vis.visual,
-                           CWColormap | CWBackPixel | CWBorderPixel | CWEventMask, &swa);
-    if (!p->win) {
-        std::fprintf(stderr, "kam-shadow-app: XCreateWindow failed\n");
-        return false;
-    }
-    XStoreName(p->xdpy, p->win, "kam-shadow-app");
-    // A window manager resizing the window would change the read-back size.
-    XSizeHints hints{};
-    hints.flags = PSize | PMinSize | PMaxSize;
-    hints.width = hints.min_width = hints.max_width = kWidth;
-    hints.height = hints.min_height = hints.max_height = kHeight;
-    XSetWMNormalHints(p->xdpy, p->win, &hints);
-    XMapWindow(p->xdpy, p->win);
-    XEvent ev{};
-    do {
-        XWindowEvent(p->xdpy, p->win, StructureNotifyMask, &ev);
-    } while (ev.type != MapNotify);
-
-    static const EGLint ctx_attribs[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    p->ctx = eglCreateContext(p->dpy, p->config, EGL_NO_CONTEXT, ctx_attribs);
-    if (p->ctx == EGL_NO_CONTEXT)
-        return egl_fail("eglCreateContext (OpenGL ES 3.0)");
-    p->surf = eglCreateWindowSurface(p->dpy, p->config, static_cast<EGLNativeWindowType>(p->win), nullptr);
-    if (p->surf == EGL_NO_SURFACE)
-        return egl_fail("eglCreateWindowSurface");
-    if (!eglMakeCurrent(p->dpy, p->surf, p->surf, p->ctx))
-        return egl_fail("eglMakeCurrent");
-    if (!eglSwapInterval(p->dpy, 0))
-        return egl_fail("eglSwapInterval(0)");
-    return true;
-}
-
-void teardown_platform(Platform *p) {
-    if (p->dpy != EGL_NO_DISPLAY && p->egl_initialized) {
-        eglMakeCurrent(p->dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-        if (p->surf != EGL_NO_SURFACE)
-            eglDestroySurface(p->dpy, p->surf);
-        if (p->ctx != EGL_NO_CONTEXT)
-            eglDestroyContext(p->dpy, p->ctx);
-        eglTerminate(p->dpy);
-        eglReleaseThread();
-    }
-    if (p->xdpy) {
-        if (p->win)
-            XDestroyWindow(p->xdpy, p->win);
-        if (p->cmap)
-            XFreeColormap(p->xdpy, p->cmap);
-        XCloseDisplay(p->xdpy);
-    }
-    *p = Platform{};
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -1246,7 +1008,7 @@ int main(int argc, char **argv) {
         return 2;
 
     Platform plat;
-    if (!setup_platform(&plat)) {
+    if (!setup_platform(&plat, {"kam-shadow-app", kWidth, kHeight, false})) {
         teardown_platform(&plat);
         return 1;
     }
