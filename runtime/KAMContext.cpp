@@ -27,10 +27,7 @@ KAMContext::~KAMContext() {
         mPlaceholderSurface = EGL_NO_SURFACE;
     }
     if (mWorker != nullptr) {
-        mWorker->postSync([] { KAM_EGL(eglReleaseThread)(); }, "eglReleaseThread");
-        mWorker->requestExit();
-        sem_post(&mWorker->mWakeSem);
-        mWorker->join();
+        mWorker->stop([] { KAM_EGL(eglReleaseThread)(); }, "eglReleaseThread");
     }
     mTls.clear();
     mWorker.clear();

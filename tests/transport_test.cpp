@@ -311,10 +311,7 @@ class RunningWorkerTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(worker->run("kam-test-worker", -4, 0), 0); }
     void TearDown() override {
-        worker->postSync([] {}, "eglReleaseThread");
-        worker->requestExit();
-        sem_post(&worker->mWakeSem);
-        EXPECT_EQ(worker->join(), 0);
+        EXPECT_EQ(worker->stop([] {}, "eglReleaseThread"), 0);
     }
     sp<KAMWorker> worker = new KAMWorker();
 };

@@ -27,6 +27,32 @@ KAMWorker::~KAMWorker() {
     sem_destroy(&mWakeSem);
 }
 
+status_t KAMWorker::stop(void (*last)(), const char* lastName) {
+    postSync(last, lastName);
+    requestExit();
+    sem_post(&mWakeSem);
+    const status_t status = join();
+    if (status == OK) sem_wait(&mExitLatch->sem);
+    return status;
+}
+
+namespace {
+struct ExitNotifier {
+    std::shared_ptr<void> latch;
+    sem_t* sem = nullptr;
+    ~ExitNotifier() {
+        if (sem) sem_post(sem);
+    }
+};
+thread_local ExitNotifier tExitNotifier;
+}  // namespace
+
+status_t KAMWorker::readyToRun() {
+    tExitNotifier.latch = mExitLatch;
+    tExitNotifier.sem = &mExitLatch->sem;
+    return OK;
+}
+
 void KAMWorker::post(WorkItem* item, bool sync) {
     // Items gather in the producer's own batch and enter the shared queue,
     // under the lock, only when the worker is woken. On x86 every locked

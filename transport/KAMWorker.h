@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -41,6 +42,12 @@ public:
         return postSyncErased(Thunk<R>{[](void* p) -> R { return (*static_cast<Fn*>(p))(); }, &f}, name);
     }
 
+    // Runs the final synchronous item (on the worker), asks the loop to end,
+    // wakes it, joins, and waits until the thread has dropped its own
+    // reference. Returns join()'s status.
+    status_t stop(void (*last)(), const char* lastName);
+    status_t readyToRun() override;
+
     void setName(std::string name);
     void swapBuffer() { mFrameCount.store(0, std::memory_order_relaxed); }
     bool threadLoop() override;
@@ -69,6 +76,19 @@ public:
     sem_t mWakeSem;
 
 private:
+    // Thread's loop drops its own strong reference only after join() has
+    // woken the joiner. Left alone, the worker thread could end up destroying
+    // itself while the joiner still reads it, ordered only by RefBase's
+    // counts inside an uninstrumented library. The latch is posted from the
+    // thread's exit, after that reference is gone, so stop() returns with the
+    // object owned by its callers alone.
+    struct ExitLatch {
+        ExitLatch() { sem_init(&sem, 0, 0); }
+        ~ExitLatch() { sem_destroy(&sem); }
+        sem_t sem;
+    };
+    std::shared_ptr<ExitLatch> mExitLatch = std::make_shared<ExitLatch>();
+
     template <class R>
     struct Thunk {
         R (*call)(void*);
