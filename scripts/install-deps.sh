@@ -18,6 +18,10 @@ PACKAGES=(
   libpng-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # the performance report's plots and profiles
+  gnuplot-nox valgrind linux-perf
+  # fuzzing: clang with libFuzzer
+  clang libclang-rt-14-dev
 )
 
 missing=()
