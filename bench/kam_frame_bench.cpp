@@ -1,0 +1,839 @@
+// kam_frame_bench: the same CPU-bound, game-shaped GLES 3 frame in three
+// modes in one invocation, to show what the layer buys the render thread.
+//
+//   direct    the system's libEGL/libGLESv2, no layer
+//   kam       through kam-run (the host platform and the layer), measured
+//             only once offload is active
+//   glthread  direct, with Mesa's own GL threading (mesa_glthread=true)
+//
+// The parent re-executes itself once per mode and round (modes alternate
+// within a round, so slow drifts of a shared machine hit every mode alike),
+// gives every child the same llvmpipe thread count and the same calibrated
+// amount of "game logic", and collects one result line from each. Every
+// child renders one extra frame with a fixed index after its measurement and
+// reports a checksum of its pixels; all checksums must agree, since a
+// benchmark of a layer that renders wrongly is worthless.
+
+#include <EGL/egl.h>
+#include <GLES3/gl3.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "gles_window.h"
+
+extern char **environ;
+
+using namespace glesapp;
+
+namespace {
+
+// The render thread's name: the layer names its worker after the thread that
+// created the context. Threads the driver starts inherit it too, so the
+// worker shows as a new thread with this name once the driver's are there.
+constexpr const char *kThreadName = "kfb-render";
+constexpr long kChecksumFrame = 12345;
+
+struct Options {
+    long draws = 2000;
+    long work_us = -1;       // -1: not given
+    double work_ratio = -1;  // app work as a multiple of direct driver time per frame
+    long work_iters = -1;    // children: calibrated by the parent
+    long frames = 200;
+    long warmup = 30;
+    long rounds = 3;
+    int width = 320;
+    int height = 240;
+    int lp_threads = 0;
+    double offload_timeout_s = 30;
+    bool csv = false;
+    bool csv_header = true;
+    std::string modes = "direct,kam,glthread";
+    std::string kam_run;
+    std::string child_mode;  // set in a child
+};
+
+void usage(FILE *out) {
+    std::fprintf(out,
+                 "usage: kam_frame_bench [options]\n"
+                 "  --draws N          draw calls per frame (default 2000)\n"
+                 "  --work-us U        game-logic CPU work per frame in microseconds (default 0)\n"
+                 "  --work-ratio R     instead: R times the direct mode's app-thread time per frame at no work\n"
+                 "                     (measured by an extra direct run first)\n"
+                 "  --frames F         measured frames per run (default 200)\n"
+                 "  --warmup W         frames before measuring (default 30; kam also waits for offload)\n"
+                 "  --size WxH         window size (default 320x240)\n"
+                 "  --rounds R         rounds over the modes (default 3)\n"
+                 "  --modes LIST       comma-separated subset of direct,kam,glthread\n"
+                 "  --lp-threads T     LP_NUM_THREADS for every mode (default: the number of CPUs)\n"
+                 "  --kam-run PATH     the layer's launcher (default: ../kam-run next to this program)\n"
+                 "  --offload-timeout S  give up waiting for offload after S seconds (default 30)\n"
+                 "  --csv              CSV (header + one row per mode) instead of the table\n"
+                 "  --no-header        with --csv, no header row\n");
+}
+
+bool parse_long(const char *s, long min, long max, long *out) {
+    if (!s || !*s) return false;
+    errno = 0;
+    char *end = nullptr;
+    long v = std::strtol(s, &end, 10);
+    if (errno != 0 || *end != '\0' || v < min || v > max) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_double(const char *s, double min, double max, double *out) {
+    if (!s || !*s) return false;
+    char *end = nullptr;
+    double v = std::strtod(s, &end);
+    if (*end != '\0' || !(v >= min && v <= max)) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_size(const char *s, int *w, int *h) {
+    const char *x = std::strchr(s, 'x');
+    if (!x) return false;
+    long lw = 0, lh = 0;
+    if (!parse_long(std::string(s, x - s).c_str(), 1, 8192, &lw) || !parse_long(x + 1, 1, 8192, &lh)) return false;
+    *w = static_cast<int>(lw);
+    *h = static_cast<int>(lh);
+    return true;
+}
+
+int parse_args(int argc, char **argv, Options *o) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
+        auto bad = [&](const char *v) {
+            std::fprintf(stderr, "kam_frame_bench: bad or missing value for %s: '%s'\n", arg.c_str(), v ? v : "");
+            return -1;
+        };
+        long l = 0;
+        if (arg == "--help" || arg == "-h") {
+            usage(stdout);
+            return 1;
+        } else if (arg == "--csv") {
+            o->csv = true;
+        } else if (arg == "--no-header") {
+            o->csv_header = false;
+        } else if (arg == "--draws") {
+            const char *v = value();
+            if (!parse_long(v, 1, 10000000L, &o->draws)) return bad(v);
+        } else if (arg == "--work-us") {
+            const char *v = value();
+            if (!parse_long(v, 0, 10000000L, &o->work_us)) return bad(v);
+        } else if (arg == "--work-ratio") {
+            const char *v = value();
+            if (!parse_double(v, 0, 1000, &o->work_ratio)) return bad(v);
+        } else if (arg == "--work-iters") {
+            const char *v = value();
+            if (!parse_long(v, 0, 1L << 50, &o->work_iters)) return bad(v);
+        } else if (arg == "--frames") {
+            const char *v = value();
+            if (!parse_long(v, 1, 100000000L, &o->frames)) return bad(v);
+        } else if (arg == "--warmup") {
+            const char *v = value();
+            if (!parse_long(v, 0, 100000000L, &o->warmup)) return bad(v);
+        } else if (arg == "--rounds") {
+            const char *v = value();
+            if (!parse_long(v, 1, 1000, &o->rounds)) return bad(v);
+        } else if (arg == "--lp-threads") {
+            const char *v = value();
+            if (!parse_long(v, 0, 64, &l)) return bad(v);
+            o->lp_threads = static_cast<int>(l);
+        } else if (arg == "--offload-timeout") {
+            const char *v = value();
+            if (!parse_double(v, 1, 3600, &o->offload_timeout_s)) return bad(v);
+        } else if (arg == "--size") {
+            const char *v = value();
+            if (!v || !parse_size(v, &o->width, &o->height)) return bad(v);
+        } else if (arg == "--modes") {
+            const char *v = value();
+            if (!v || !*v) return bad(v);
+            o->modes = v;
+        } else if (arg == "--kam-run") {
+            const char *v = value();
+            if (!v || !*v) return bad(v);
+            o->kam_run = v;
+        } else if (arg == "--child") {
+            const char *v = value();
+            if (!v || !*v) return bad(v);
+            o->child_mode = v;
+        } else {
+            std::fprintf(stderr, "kam_frame_bench: unknown option '%s'\n", argv[i]);
+            usage(stderr);
+            return -1;
+        }
+    }
+    if (o->work_us >= 0 && o->work_ratio >= 0) {
+        std::fprintf(stderr, "kam_frame_bench: --work-us and --work-ratio exclude each other\n");
+        return -1;
+    }
+    return 0;
+}
+
+double clock_seconds(clockid_t id) {
+    timespec ts{};
+    clock_gettime(id, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// ---------------------------------------------------------------------------
+// Game logic: a deterministic loop whose result goes to a volatile sink and
+// never into rendering. A fixed iteration count (calibrated once, by the
+// parent) costs the same CPU in every mode, like real game logic would.
+
+volatile double g_work_sink = 0.0;
+
+void busy_work(uint64_t iterations, uint64_t seed) {
+    uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
+    double acc = 0.0;
+    for (uint64_t i = 0; i < iterations; ++i) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        acc = acc * 0.999 + static_cast<double>(x & 0xFFFF) * 1.0e-4;
+    }
+    g_work_sink = g_work_sink + acc;
+}
+
+double iterations_per_us() {
+    uint64_t iters = 1u << 14;
+    for (;;) {
+        double t0 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
+        busy_work(iters, 7);
+        double dt = clock_seconds(CLOCK_THREAD_CPUTIME_ID) - t0;
+        if (dt >= 0.05 || iters >= (1ull << 34)) return dt > 0 ? static_cast<double>(iters) / (dt * 1e6) : 1000.0;
+        iters *= 2;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Scene: two programs, four textures, an indexed quad and a dynamic triangle
+// buffer; per frame one texture upload and one buffer update; per draw
+// uniform updates and frequent state changes (program, texture, blend,
+// depth, vertex array).
+
+const char *kVsOffset = R"(#version 300 es
+layout(location = 0) in vec2 a_pos;
+layout(location = 1) in vec2 a_uv;
+uniform vec4 u_offset_scale;
+uniform float u_depth;
+out vec2 v_uv;
+void main() {
+    v_uv = a_uv;
+    gl_Position = vec4(a_pos * u_offset_scale.zw + u_offset_scale.xy, u_depth, 1.0);
+}
+)";
+
+const char *kFsOffset = R"(#version 300 es
+precision mediump float;
+in vec2 v_uv;
+uniform sampler2D u_tex;
+uniform vec4 u_color;
+out vec4 o_color;
+void main() {
+    vec4 t = texture(u_tex, v_uv);
+    o_color = vec4(t.rgb * u_color.rgb, u_color.a);
+}
+)";
+
+const char *kVsMatrix = R"(#version 300 es
+layout(location = 0) in vec2 a_pos;
+layout(location = 1) in vec2 a_uv;
+uniform mat4 u_xform;
+out vec2 v_uv;
+void main() {
+    v_uv = a_uv;
+    gl_Position = u_xform * vec4(a_pos, 0.0, 1.0);
+}
+)";
+
+const char *kFsMatrix = R"(#version 300 es
+precision mediump float;
+in vec2 v_uv;
+uniform sampler2D u_tex;
+uniform vec4 u_color;
+out vec4 o_color;
+void main() {
+    vec4 t = texture(u_tex, v_uv * 2.0);
+    o_color = vec4(mix(u_color.rgb, t.bgr, 0.45) * (0.6 + 0.4 * v_uv.y), u_color.a);
+}
+)";
+
+constexpr int kTexSize = 64;
+constexpr int kNumTextures = 4;
+constexpr int kNumTriangles = 16;
+constexpr int kFloatsPerVertex = 4;
+
+struct Scene {
+    GLuint prog[2] = {0, 0};
+    GLint loc_offset_scale = -1, loc_depth = -1, loc_xform = -1;
+    GLint loc_color[2] = {-1, -1};
+    GLuint tex[kNumTextures] = {};
+    GLuint vao[2] = {0, 0};
+    GLuint quad_vbo = 0, quad_ebo = 0, tri_vbo = 0;
+    std::vector<uint8_t> upload;
+    std::vector<float> tri_vertices;
+};
+
+void fill_texture(long seed, std::vector<uint8_t> *px) {
+    px->resize(kTexSize * kTexSize * 4);
+    const unsigned f = static_cast<unsigned>(seed);
+    for (unsigned y = 0; y < kTexSize; ++y)
+        for (unsigned x = 0; x < kTexSize; ++x) {
+            uint8_t *p = px->data() + (y * kTexSize + x) * 4;
+            p[0] = static_cast<uint8_t>(((x + f * 2) ^ y) * 4);
+            p[1] = static_cast<uint8_t>((x * y + f * 5) & 0xFF);
+            p[2] = static_cast<uint8_t>(((y + f) ^ (x * 3)) * 3);
+            p[3] = 255;
+        }
+}
+
+// Integer arithmetic only, so that every mode uploads the same bytes.
+void fill_triangles(long frame, std::vector<float> *v) {
+    v->resize(kNumTriangles * 3 * kFloatsPerVertex);
+    for (int i = 0; i < kNumTriangles; ++i)
+        for (int k = 0; k < 3; ++k) {
+            const int a = static_cast<int>((frame * 3 + i * 37 + k * 120) % 360);
+            float *p = v->data() + (i * 3 + k) * kFloatsPerVertex;
+            const double rad = a * M_PI / 180.0;
+            p[0] = static_cast<float>(0.9 * std::cos(rad));
+            p[1] = static_cast<float>(0.9 * std::sin(rad));
+            p[2] = static_cast<float>(k == 1);
+            p[3] = static_cast<float>(k == 2);
+        }
+}
+
+bool create_scene(Scene *s) {
+    s->prog[0] = link_program(kVsOffset, kFsOffset, "offset/scale");
+    s->prog[1] = link_program(kVsMatrix, kFsMatrix, "matrix");
+    if (!s->prog[0] || !s->prog[1]) return false;
+    s->loc_offset_scale = glGetUniformLocation(s->prog[0], "u_offset_scale");
+    s->loc_depth = glGetUniformLocation(s->prog[0], "u_depth");
+    s->loc_color[0] = glGetUniformLocation(s->prog[0], "u_color");
+    s->loc_xform = glGetUniformLocation(s->prog[1], "u_xform");
+    s->loc_color[1] = glGetUniformLocation(s->prog[1], "u_color");
+    for (GLuint p : s->prog) {
+        glUseProgram(p);
+        glUniform1i(glGetUniformLocation(p, "u_tex"), 0);
+    }
+    glGenTextures(kNumTextures, s->tex);
+    std::vector<uint8_t> px;
+    for (int i = 0; i < kNumTextures; ++i) {
+        fill_texture(1000 + i * 77, &px);
+        glBindTexture(GL_TEXTURE_2D, s->tex[i]);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, kTexSize, kTexSize, 0, GL_RGBA, GL_UNSIGNED_BYTE, px.data());
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    }
+    static const float quad[] = {-1, -1, 0, 0, 1, -1, 1, 0, 1, 1, 1, 1, -1, 1, 0, 1};
+    static const GLushort quad_idx[] = {0, 1, 2, 0, 2, 3};
+    const GLsizei stride = kFloatsPerVertex * sizeof(float);
+    const void *uv = reinterpret_cast<const void *>(2 * sizeof(float));
+    glGenVertexArrays(2, s->vao);
+    glGenBuffers(1, &s->quad_vbo);
+    glGenBuffers(1, &s->quad_ebo);
+    glGenBuffers(1, &s->tri_vbo);
+    glBindVertexArray(s->vao[0]);
+    glBindBuffer(GL_ARRAY_BUFFER, s->quad_vbo);
+    glBufferData(GL_ARRAY_BUFFER, sizeof(quad), quad, GL_STATIC_DRAW);
+    glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, s->quad_ebo);
+    glBufferData(GL_ELEMENT_ARRAY_BUFFER, sizeof(quad_idx), quad_idx, GL_STATIC_DRAW);
+    glEnableVertexAttribArray(0);
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, stride, nullptr);
+    glEnableVertexAttribArray(1);
+    glVertexAttribPointer(1, 2, GL_FLOAT, GL_FALSE, stride, uv);
+    fill_triangles(0, &s->tri_vertices);
+    glBindVertexArray(s->vao[1]);
+    glBindBuffer(GL_ARRAY_BUFFER, s->tri_vbo);
+    glBufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(s->tri_vertices.size() * sizeof(float)),
+                 s->tri_vertices.data(), GL_DYNAMIC_DRAW);
+    glEnableVertexAttribArray(0);
+    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, stride, nullptr);
+    glEnableVertexAttribArray(1);
+    glVertexAttribPointer(1, 2, GL_FLOAT, GL_FALSE, stride, uv);
+    glBindVertexArray(0);
+    GLenum err = glGetError();
+    if (err != GL_NO_ERROR) {
+        std::fprintf(stderr, "kam_frame_bench: GL error 0x%04x while creating the scene\n", err);
+        return false;
+    }
+    return true;
+}
+
+// Per-draw values come from small integer tables so that they are cheap
+// (the workload is the GL call stream, not trigonometry) and identical in
+// every mode.
+float unit(long i, int salt) { return static_cast<float>((i * 2654435761u + salt * 40503u) % 1000u) / 1000.0f; }
+
+void render_frame(Scene *s, long frame, long draws, int width, int height, uint64_t work_iters) {
+    glViewport(0, 0, width, height);
+    glClearColor(0.1f, 0.12f, 0.18f, 1.0f);
+    glClearDepthf(1.0f);
+    glDepthMask(GL_TRUE);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+
+    // Streaming uploads, as a game's animated texture and particle vertices.
+    fill_texture(frame, &s->upload);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, s->tex[0]);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, kTexSize, kTexSize, GL_RGBA, GL_UNSIGNED_BYTE, s->upload.data());
+    fill_triangles(frame, &s->tri_vertices);
+    glBindBuffer(GL_ARRAY_BUFFER, s->tri_vbo);
+    glBufferSubData(GL_ARRAY_BUFFER, 0, static_cast<GLsizeiptr>(s->tri_vertices.size() * sizeof(float)),
+                    s->tri_vertices.data());
+
+    glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ZERO, GL_ONE);
+    glDepthFunc(GL_LEQUAL);
+    glDisable(GL_BLEND);
+    glDisable(GL_DEPTH_TEST);
+
+    long cols = static_cast<long>(std::ceil(std::sqrt(static_cast<double>(draws) * width / height)));
+    if (cols < 1) cols = 1;
+    const long rows = (draws + cols - 1) / cols;
+    const float cw = 2.0f / static_cast<float>(cols), ch = 2.0f / static_cast<float>(rows);
+
+    // Game logic runs in slices between batches of draws, as in an engine
+    // that interleaves simulation and submission on one thread.
+    constexpr long kSlices = 8;
+    long next_slice = 0;
+    auto run_slices_until = [&](long upto) {
+        for (; next_slice < upto; ++next_slice) {
+            uint64_t n = work_iters / kSlices + (static_cast<uint64_t>(next_slice) < work_iters % kSlices ? 1 : 0);
+            if (n) busy_work(n, static_cast<uint64_t>(frame * kSlices + next_slice));
+        }
+    };
+
+    int cur_prog = -1, cur_tex = 0, cur_vao = -1;
+    bool blend = false, depth = false;
+    for (long i = 0; i < draws; ++i) {
+        if (work_iters) run_slices_until(i * kSlices / draws + 1);
+        const int want_prog = static_cast<int>((i / 24) % 2);
+        const int want_tex = static_cast<int>((i / 5 + frame / 30) % kNumTextures);
+        const bool want_blend = (i / 7) % 3 == 0;
+        const bool want_depth = (i / 11) % 2 == 0;
+        const int want_vao = (i % 3 == 2) ? 1 : 0;
+        if (want_prog != cur_prog) glUseProgram(s->prog[cur_prog = want_prog]);
+        if (want_tex != cur_tex) glBindTexture(GL_TEXTURE_2D, s->tex[cur_tex = want_tex]);
+        if (want_blend != blend) {
+            (want_blend ? glEnable : glDisable)(GL_BLEND);
+            blend = want_blend;
+        }
+        if (want_depth != depth) {
+            (want_depth ? glEnable : glDisable)(GL_DEPTH_TEST);
+            depth = want_depth;
+        }
+        if (want_vao != cur_vao) glBindVertexArray(s->vao[cur_vao = want_vao]);
+
+        const float cx = -1.0f + (static_cast<float>(i % cols) + 0.5f) * cw + 0.2f * cw * (unit(i + frame, 1) - 0.5f);
+        const float cy = -1.0f + (static_cast<float>(i / cols) + 0.5f) * ch + 0.2f * ch * (unit(i + frame, 2) - 0.5f);
+        const float scale = 0.3f + 0.15f * unit(i, 3);
+        glUniform4f(s->loc_color[want_prog], unit(i, 4), unit(i, 5), unit(i, 6), want_blend ? 0.55f : 1.0f);
+        if (want_prog == 0) {
+            glUniform1f(s->loc_depth, unit(i, 7) * 2.0f - 1.0f);
+            glUniform4f(s->loc_offset_scale, cx, cy, scale * cw, scale * ch);
+        } else {
+            const float c = unit(i + frame, 8) * 2 - 1, sn = std::sqrt(1 - c * c);
+            const float sx = scale * cw, sy = scale * ch;
+            const float m[16] = {c * sx, sn * sy, 0, 0, -sn * sx, c * sy, 0, 0, 0, 0, 1, 0, cx, cy, 0, 1};
+            glUniformMatrix4fv(s->loc_xform, 1, GL_FALSE, m);
+        }
+        if (want_vao == 0)
+            glDrawElements(GL_TRIANGLES, 6, GL_UNSIGNED_SHORT, nullptr);
+        else
+            glDrawArrays(GL_TRIANGLES, static_cast<GLint>((i + frame) % kNumTriangles) * 3, 3);
+    }
+    if (work_iters) run_slices_until(kSlices);
+    glBindVertexArray(0);
+    glDisable(GL_BLEND);
+    glDisable(GL_DEPTH_TEST);
+}
+
+// Counts the threads of this process that carry the render thread's name.
+int threads_named_like_us() {
+    int n = 0;
+    DIR *d = opendir("/proc/self/task");
+    if (!d) return 0;
+    while (dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream f(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string name;
+        std::getline(f, name);
+        if (name == kThreadName) ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+int run_child(const Options &o) {
+    // See kam-demo: with glibc's default trim threshold llvmpipe's per-frame
+    // allocations are handed back to the kernel and refaulted every frame.
+    mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
+    prctl(PR_SET_NAME, kThreadName, 0, 0, 0);
+
+    Platform plat;
+    if (!setup_platform(&plat, {"kam_frame_bench", o.width, o.height, true})) {
+        teardown_platform(&plat);
+        return 1;
+    }
+    Scene scene;
+    if (!create_scene(&scene)) {
+        teardown_platform(&plat);
+        return 1;
+    }
+    const uint64_t work_iters = o.work_iters > 0 ? static_cast<uint64_t>(o.work_iters) : 0;
+    const bool want_offload = o.child_mode == "kam";
+
+    long frame = 0;
+    bool ok = true;
+    auto one_frame = [&](long index) {
+        render_frame(&scene, index, o.draws, o.width, o.height, work_iters);
+        if (!eglSwapBuffers(plat.dpy, plat.surf)) {
+            egl_fail("eglSwapBuffers");
+            ok = false;
+        }
+    };
+
+    // Warm-up; through the layer it goes on until the worker exists and a
+    // few frames more, so that the first measured frame is offloaded.
+    const double warm0 = clock_seconds(CLOCK_MONOTONIC);
+    int offload = 0;
+    long after_start = -1;
+    int baseline_threads = 0;
+    for (; ok; ++frame) {
+        if (frame >= o.warmup && (!want_offload || (after_start >= 0 && frame - after_start >= 5))) break;
+        if (frame == 2) baseline_threads = threads_named_like_us();
+        if (want_offload && frame > 2 && after_start < 0 && threads_named_like_us() > baseline_threads)
+            after_start = frame;
+        if (clock_seconds(CLOCK_MONOTONIC) - warm0 > o.offload_timeout_s) break;
+        one_frame(frame);
+    }
+    if (want_offload) offload = after_start >= 0 ? 1 : 0;
+    std::fprintf(stderr, "kfb: measuring from frame %ld\n", frame);
+
+    std::vector<double> frame_ms;
+    frame_ms.reserve(static_cast<size_t>(o.frames));
+    const double cpu0 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
+    const double wall0 = clock_seconds(CLOCK_MONOTONIC);
+    double prev = wall0;
+    for (long k = 0; k < o.frames && ok; ++k, ++frame) {
+        one_frame(frame);
+        const double now = clock_seconds(CLOCK_MONOTONIC);
+        frame_ms.push_back((now - prev) * 1e3);
+        prev = now;
+    }
+    const double cpu1 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
+    glFinish();
+    const double wall1 = clock_seconds(CLOCK_MONOTONIC);
+
+    // The check frame: fixed index, read back before the swap.
+    render_frame(&scene, kChecksumFrame, o.draws, o.width, o.height, 0);
+    std::vector<uint8_t> px(static_cast<size_t>(o.width) * o.height * 4);
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glReadPixels(0, 0, o.width, o.height, GL_RGBA, GL_UNSIGNED_BYTE, px.data());
+    uint64_t sum = 1469598103934665603ull;
+    for (uint8_t b : px) sum = (sum ^ b) * 1099511628211ull;
+    GLenum err = glGetError();
+    if (err != GL_NO_ERROR) {
+        std::fprintf(stderr, "kam_frame_bench: GL error 0x%04x\n", err);
+        ok = false;
+    }
+    std::string version = std::string(reinterpret_cast<const char *>(glGetString(GL_VERSION))) + " | " +
+                          reinterpret_cast<const char *>(glGetString(GL_RENDERER));
+    eglSwapBuffers(plat.dpy, plat.surf);
+    teardown_platform(&plat);
+    if (!ok || frame_ms.empty()) return 1;
+
+    std::printf("VERSION %s\n", version.c_str());
+    std::sort(frame_ms.begin(), frame_ms.end());
+    const size_t n = frame_ms.size();
+    const double median = n % 2 ? frame_ms[n / 2] : 0.5 * (frame_ms[n / 2 - 1] + frame_ms[n / 2]);
+    const double p99 = frame_ms[std::min(n - 1, static_cast<size_t>(std::ceil(0.99 * n)) - 1)];
+    std::printf("RESULT mode=%s fps=%.3f frame_ms_median=%.4f frame_ms_p99=%.4f app_cpu_ms=%.4f offload=%d "
+                "checksum=%016llx\n",
+                o.child_mode.c_str(), static_cast<double>(n) / (wall1 - wall0), median, p99,
+                (cpu1 - cpu0) * 1e3 / static_cast<double>(n), want_offload ? offload : -1,
+                static_cast<unsigned long long>(sum));
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Parent
+
+struct Result {
+    double fps = 0, median = 0, p99 = 0, app_cpu = 0;
+    int offload = -1;
+    std::string checksum, version;
+    bool ok = false;
+    std::string why;
+};
+
+std::string self_path() {
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return "";
+    buf[n] = 0;
+    return buf;
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+std::string field(const std::string &line, const std::string &key) {
+    size_t p = line.find(" " + key + "=");
+    if (p == std::string::npos) return "";
+    p += key.size() + 2;
+    return line.substr(p, line.find(' ', p) - p);
+}
+
+// Runs one child and parses its result line. The layer's log (stderr, with
+// --verbose) must show the worker started before the child began measuring.
+Result run_mode(const Options &o, const std::string &mode, long work_iters, long frames, const std::string &tmpdir) {
+    Result r;
+    const std::string self = self_path();
+    std::vector<std::string> args;
+    if (mode == "kam") args = {o.kam_run, "--verbose"};
+    args.insert(args.end(), {self, "--child", mode, "--draws", std::to_string(o.draws), "--work-iters",
+                             std::to_string(work_iters), "--frames", std::to_string(frames), "--warmup",
+                             std::to_string(o.warmup), "--size",
+                             std::to_string(o.width) + "x" + std::to_string(o.height), "--offload-timeout",
+                             std::to_string(o.offload_timeout_s)});
+
+    std::vector<std::string> env;
+    for (char **e = environ; *e; ++e) {
+        std::string v = *e;
+        if (v.rfind("mesa_glthread=", 0) == 0 || v.rfind("LP_NUM_THREADS=", 0) == 0 || v.rfind("KAM_", 0) == 0)
+            continue;
+        env.push_back(v);
+    }
+    env.push_back("LP_NUM_THREADS=" + std::to_string(o.lp_threads));
+    if (mode == "glthread") env.push_back("mesa_glthread=true");
+
+    const std::string out_path = tmpdir + "/" + mode + ".out", err_path = tmpdir + "/" + mode + ".err";
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&fa, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::vector<char *> argv, envp;
+    for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    for (auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = 0;
+    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&fa);
+    if (rc != 0) {
+        r.why = std::string("cannot start ") + argv[0] + ": " + std::strerror(rc);
+        return r;
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    const std::string out = read_file(out_path), err = read_file(err_path);
+    size_t at = out.find("RESULT ");
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || at == std::string::npos) {
+        r.why = "child failed: " + err.substr(err.size() > 600 ? err.size() - 600 : 0);
+        return r;
+    }
+    std::string line = out.substr(at, out.find('\n', at) - at) + " ";
+    size_t v = out.find("VERSION ");
+    if (v != std::string::npos) r.version = out.substr(v + 8, out.find('\n', v) - v - 8);
+    r.fps = std::atof(field(line, "fps").c_str());
+    r.median = std::atof(field(line, "frame_ms_median").c_str());
+    r.p99 = std::atof(field(line, "frame_ms_p99").c_str());
+    r.app_cpu = std::atof(field(line, "app_cpu_ms").c_str());
+    r.offload = std::atoi(field(line, "offload").c_str());
+    r.checksum = field(line, "checksum");
+    if (mode == "kam") {
+        size_t started = err.find("KAMWorker started -> ");
+        size_t measuring = err.find("kfb: measuring");
+        if (r.offload != 1 || started == std::string::npos || started > measuring) {
+            r.why = "offload was not active when measuring began (is the frame rate below the layer's minimum?)";
+            return r;
+        }
+        if (err.find("is stopped") != std::string::npos) {
+            r.why = "offload stopped during the run";
+            return r;
+        }
+    }
+    r.ok = true;
+    return r;
+}
+
+double median_of(std::vector<double> v) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+int run_parent(Options o) {
+    if (o.lp_threads == 0) o.lp_threads = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    if (o.kam_run.empty()) {
+        std::string self = self_path();
+        std::string dir = self.substr(0, self.rfind('/'));
+        o.kam_run = dir.substr(0, dir.rfind('/')) + "/kam-run";
+    }
+    std::vector<std::string> modes;
+    {
+        std::stringstream ss(o.modes);
+        std::string m;
+        while (std::getline(ss, m, ','))
+            if (m == "direct" || m == "kam" || m == "glthread") {
+                modes.push_back(m);
+            } else {
+                std::fprintf(stderr, "kam_frame_bench: unknown mode '%s'\n", m.c_str());
+                return 2;
+            }
+    }
+    if (access(o.kam_run.c_str(), X_OK) != 0 &&
+        std::find(modes.begin(), modes.end(), "kam") != modes.end()) {
+        std::fprintf(stderr, "kam_frame_bench: %s is not executable (use --kam-run)\n", o.kam_run.c_str());
+        return 2;
+    }
+    char tmpl[] = "/tmp/kam_frame_bench.XXXXXX";
+    if (!mkdtemp(tmpl)) {
+        std::perror("mkdtemp");
+        return 1;
+    }
+    const std::string tmpdir = tmpl;
+
+    const double ipu = iterations_per_us();
+    long work_us = o.work_us > 0 ? o.work_us : 0;
+    double direct_driver_ms = -1;
+    if (o.work_ratio > 0) {
+        // The "driver work" a ratio refers to: the direct mode's app-thread
+        // time per frame with no game logic.
+        Result cal = run_mode(o, "direct", 0, std::max(20L, o.frames / 2), tmpdir);
+        if (!cal.ok) {
+            std::fprintf(stderr, "kam_frame_bench: calibration run: %s\n", cal.why.c_str());
+            return 1;
+        }
+        direct_driver_ms = cal.app_cpu;
+        work_us = std::lround(o.work_ratio * cal.app_cpu * 1000.0);
+    }
+    const long work_iters = std::lround(ipu * static_cast<double>(work_us));
+
+    if (!o.csv) {
+        std::printf("kam_frame_bench: %ld draws/frame, %ld us game logic/frame", o.draws, work_us);
+        if (o.work_ratio >= 0) std::printf(" (%.2f x direct driver time %.3f ms)", o.work_ratio, direct_driver_ms);
+        std::printf(", %dx%d, %ld frames after %ld warm-up, %ld rounds, LP_NUM_THREADS=%d\n", o.width, o.height,
+                    o.frames, o.warmup, o.rounds, o.lp_threads);
+        std::fflush(stdout);
+    }
+
+    std::map<std::string, std::vector<Result>> results;
+    std::vector<std::string> checksums;
+    std::string version;
+    bool failed = false;
+    for (long round = 0; round < o.rounds; ++round)
+        for (const std::string &mode : modes) {
+            Result r = run_mode(o, mode, work_iters, o.frames, tmpdir);
+            if (!r.ok) {
+                std::fprintf(stderr, "kam_frame_bench: %s, round %ld: %s\n", mode.c_str(), round + 1, r.why.c_str());
+                failed = true;
+                continue;
+            }
+            checksums.push_back(r.checksum);
+            if (mode == "direct") version = r.version;
+            results[mode].push_back(r);
+        }
+    for (const std::string &mode : modes) {
+        unlink((tmpdir + "/" + mode + ".out").c_str());
+        unlink((tmpdir + "/" + mode + ".err").c_str());
+    }
+    rmdir(tmpdir.c_str());
+
+    bool same = !checksums.empty() && std::all_of(checksums.begin(), checksums.end(),
+                                                  [&](const std::string &c) { return c == checksums[0]; });
+    struct Summary {
+        double fps, median, p99, app_cpu;
+        size_t runs;
+    };
+    std::map<std::string, Summary> sum;
+    for (auto &[mode, rs] : results) {
+        std::vector<double> fps, med, p99, cpu;
+        for (auto &r : rs) {
+            fps.push_back(r.fps);
+            med.push_back(r.median);
+            p99.push_back(r.p99);
+            cpu.push_back(r.app_cpu);
+        }
+        sum[mode] = {median_of(fps), median_of(med), median_of(p99), median_of(cpu), rs.size()};
+    }
+    auto ratio = [&](const char *a, const char *b, double Summary::*f) {
+        return sum.count(a) && sum.count(b) && sum[b].*f > 0 ? sum[a].*f / (sum[b].*f) : 0.0;
+    };
+
+    if (o.csv) {
+        if (o.csv_header)
+            std::printf("mode,draws,work_us,fps,frame_ms_median,frame_ms_p99,app_cpu_ms,runs,lp_threads,"
+                        "pixels_match\n");
+        for (const std::string &mode : modes) {
+            if (!sum.count(mode)) continue;
+            const Summary &s = sum[mode];
+            std::printf("%s,%ld,%ld,%.3f,%.4f,%.4f,%.4f,%zu,%d,%d\n", mode.c_str(), o.draws, work_us, s.fps,
+                        s.median, s.p99, s.app_cpu, s.runs, o.lp_threads, same ? 1 : 0);
+        }
+    } else {
+        std::printf("driver: %s\n\n", version.c_str());
+        std::printf("%-10s %10s %16s %13s %19s %5s\n", "mode", "fps", "frame ms median", "frame ms p99",
+                    "app-thread CPU ms", "runs");
+        for (const std::string &mode : modes) {
+            if (!sum.count(mode)) continue;
+            const Summary &s = sum[mode];
+            std::printf("%-10s %10.2f %16.3f %13.3f %19.3f %5zu\n", mode.c_str(), s.fps, s.median, s.p99, s.app_cpu,
+                        s.runs);
+        }
+        std::printf("\n(medians over the rounds)\n");
+        if (sum.count("kam") && sum.count("direct"))
+            std::printf("kam/direct:   fps x%.3f   app-thread CPU/frame x%.3f\n", ratio("kam", "direct", &Summary::fps),
+                        ratio("kam", "direct", &Summary::app_cpu));
+        if (sum.count("kam") && sum.count("glthread"))
+            std::printf("kam/glthread: fps x%.3f   app-thread CPU/frame x%.3f\n",
+                        ratio("kam", "glthread", &Summary::fps), ratio("kam", "glthread", &Summary::app_cpu));
+        std::printf("check frame: %s across %zu runs\n", same ? "identical" : "DIFFERS", checksums.size());
+        for (const std::string &mode : modes) {
+            if (!sum.count(mode)) continue;
+            const Summary &s = sum[mode];
+            std::printf("RESULT mode=%s draws=%ld work_us=%ld fps=%.3f frame_ms_median=%.4f frame_ms_p99=%.4f "
+                        "app_cpu_ms=%.4f lp_threads=%d pixels_match=%d\n",
+                        mode.c_str(), o.draws, work_us, s.fps, s.median, s.p99, s.app_cpu, o.lp_threads, same ? 1 : 0);
+        }
+    }
+    if (!same) std::fprintf(stderr, "kam_frame_bench: the check frame differs between runs\n");
+    return failed || !same ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options o;
+    int parsed = parse_args(argc, argv, &o);
+    if (parsed != 0) return parsed > 0 ? 0 : 2;
+    if (!o.child_mode.empty()) return run_child(o);
+    return run_parent(o);
+}
