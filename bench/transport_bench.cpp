@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <atomic>
 #include <vector>
 
@@ -182,5 +183,85 @@ void BM_RecordWorkerHeld_glUniform1f(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * batch);
 }
 BENCHMARK(BM_RecordWorkerHeld_glUniform1f);
+}  // namespace
+
+namespace {
+// The shadow paths: what the application thread pays for calls whose memory
+// must be copied or emulated before the wrapper returns. Each iteration is
+// one call (or one map-write-flush-unmap sequence), including the copy.
+
+// Frame boundaries often enough that the copies stay inside one arena block.
+void boundaryEvery(benchmark::State& state, support::ActiveContext& ctx, int64_t& n, int64_t period) {
+    if (++n % period == 0) {
+        state.PauseTiming();
+        ctx.frameBoundary();
+        state.ResumeTiming();
+    }
+}
+
+void BM_Record_glTexSubImage2D_64KiB(benchmark::State& state) {
+    fake::setRecording(false);
+    support::ActiveContext ctx;
+    pinApart(ctx);
+    std::vector<uint8_t> pixels(128 * 128 * 4, 0x5A);
+    int64_t n = 0;
+    for (auto _ : state) {
+        kam_glTexSubImage2D_opt(GL_TEXTURE_2D, 0, 0, 0, 128, 128, GL_RGBA, GL_UNSIGNED_BYTE, pixels.data());
+        boundaryEvery(state, ctx, n, 128);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(pixels.size()));
+}
+BENCHMARK(BM_Record_glTexSubImage2D_64KiB);
+
+// Map for writing, fill 4 KiB, flush it, unmap: the app writes into the
+// layer's shadow block; the copy into the driver's mapping happens on the
+// worker. The fake driver's every entry answers with a real 64 KiB block, so
+// the worker's glMapBufferRange has somewhere to copy to.
+void BM_Record_MappedBufferWrite_4KiB(benchmark::State& state) {
+    fake::setRecording(false);
+    support::ActiveContext ctx;
+    pinApart(ctx);
+    static std::vector<uint8_t> driverBlock(64 * 1024);
+    fake::setResult(reinterpret_cast<uintptr_t>(driverBlock.data()));
+    std::vector<uint8_t> src(4096, 0x3C);
+    kam_glBindBuffer_opt(GL_ARRAY_BUFFER, 7);
+    int64_t n = 0;
+    for (auto _ : state) {
+        void* p = kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 4096,
+                                           GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT | GL_MAP_INVALIDATE_RANGE_BIT);
+        memcpy(p, src.data(), src.size());
+        kam_glFlushMappedBufferRange_opt(GL_ARRAY_BUFFER, 0, 4096);
+        kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
+        boundaryEvery(state, ctx, n, 4096);
+    }
+    ctx.drain();
+    fake::setResult(0);
+    state.SetBytesProcessed(state.iterations() * 4096);
+}
+BENCHMARK(BM_Record_MappedBufferWrite_4KiB);
+
+// An indexed draw from client memory with client-array emulation on: the
+// wrapper scans the indices, copies the referenced vertices of the enabled
+// client attribute and the indices into the arena.
+void BM_Record_ClientArrayDrawElements(benchmark::State& state) {
+    fake::setRecording(false);
+    support::ActiveContext ctx;
+    pinApart(ctx);
+    ctx.get()->mClientArrays = true;
+    const int64_t indices = state.range(0);
+    std::vector<float> vertices(static_cast<size_t>(indices) * 4);
+    for (size_t i = 0; i < vertices.size(); ++i) vertices[i] = static_cast<float>(i);
+    std::vector<GLushort> idx(static_cast<size_t>(indices));
+    for (size_t i = 0; i < idx.size(); ++i) idx[i] = static_cast<GLushort>((i * 7) % idx.size());
+    kam_glVertexAttribPointer_opt(0, 4, GL_FLOAT, GL_FALSE, 16, vertices.data());
+    int64_t n = 0;
+    for (auto _ : state) {
+        kam_glDrawElements_opt(GL_TRIANGLES, static_cast<GLsizei>(indices), GL_UNSIGNED_SHORT, idx.data());
+        boundaryEvery(state, ctx, n, 4096);
+    }
+    ctx.drain();
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Record_ClientArrayDrawElements)->Arg(36)->Arg(600);
 }  // namespace
 BENCHMARK_MAIN();
