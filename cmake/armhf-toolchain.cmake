@@ -1,0 +1,25 @@
+# Cross build for 32-bit ARM (Debian armhf: ARMv7, hard float, EABI) with the
+# Debian cross compiler; the tests run through qemu-arm.
+#   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake ...
+# scripts/armhf.sh installs what it needs and drives the whole build.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(KAM_ARMHF_TRIPLET arm-linux-gnueabihf)
+set(CMAKE_C_COMPILER ${KAM_ARMHF_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${KAM_ARMHF_TRIPLET}-g++)
+
+# The cross compiler's own sysroot first, then the host's multiarch tree
+# (/usr/lib/arm-linux-gnueabihf), where the Android and EGL/GLES packages of
+# the armhf architecture put their libraries. Programs (python3 for the
+# generator) are the host's.
+set(CMAKE_FIND_ROOT_PATH /usr/${KAM_ARMHF_TRIPLET} /)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# pkg-config must answer with the armhf .pc files, not the host's.
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${KAM_ARMHF_TRIPLET}/pkgconfig:/usr/share/pkgconfig)
+
+# try_run, gtest_discover_tests and ctest start target programs through qemu.
+# -L: the ELF interpreter and libc come from the cross toolchain's tree.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;/usr/${KAM_ARMHF_TRIPLET})

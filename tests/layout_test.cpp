@@ -1,0 +1,119 @@
+// Command classes with 64-bit members in the frame arena. On 32-bit ARM
+// (EABI) a GLuint64, GLint64EXT or GLdouble member is 8-aligned, so after an
+// odd number of 32-bit words (the vtable pointer counts) the compiler pads
+// before it, and the compiler may use ldrd/strd or vldr/vstr for it, which
+// need the object itself 8-aligned: the arena must hand out 8-aligned blocks
+// and no command class may ask for more. On 64-bit hosts the same classes
+// mix 64-bit pointer-sized members (GLintptr, GLsizeiptr, GLsync) with
+// 32-bit words. The rows below cover each member order the generated classes
+// use: 64-bit values after one, two, three or ten 32-bit words, first, in the
+// middle, runs of them, and a byte after one.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+#include "kam_bridges.h"
+#include "recording/Record.h"
+#include "support.h"
+#include "transport/KAMMemory.h"
+
+using namespace android;
+
+namespace {
+
+// KAMMemory::malloc rounds every request up to this, in the block and in the
+// separate blocks alike.
+constexpr size_t kArenaAlign = 8;
+
+static_assert(alignof(GLuint64) == 8 && alignof(GLint64EXT) == 8 && alignof(GLdouble) == 8,
+              "64-bit GL values are 8-aligned members on every target the layer is built for");
+static_assert(alignof(WorkItem) <= kArenaAlign);
+
+// A distinct value per argument whose two 32-bit halves both carry bits, so a
+// lost or swapped high word shows.
+template <class T>
+T argValue(int k) {
+    if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<T>(static_cast<uintptr_t>(0x10000 * (k + 1) + 8));
+    } else if constexpr (std::is_floating_point_v<T>) {
+        return sizeof(T) == 8 ? static_cast<T>(1.0 + std::ldexp(k + 1.0, -45)) : static_cast<T>(k + 0.5);
+    } else if constexpr (sizeof(T) == 8) {
+        return static_cast<T>(0xF0E0D0C080000001ull + 0x0101010101010101ull * static_cast<uint64_t>(k));
+    } else {
+        return static_cast<T>(0x80000001u + static_cast<uint32_t>(k));
+    }
+}
+
+template <class B, class Pfn>
+struct Row;
+
+template <class B, class R, class... A>
+struct Row<B, R (*)(A...)> {
+    static_assert(alignof(B) <= kArenaAlign, "the arena cannot place this command class");
+
+    static void check(support::ActiveContext& ctx) {
+        KAMMemory& mem = ctx.get()->mMemory;
+        KAMMemory unprepared;  // every request goes to a separate block
+        // After a copy of client memory of any size, in the block and in a
+        // separate block: each placement where the command could land.
+        for (size_t before : {1u, 3u, 4u, 7u}) {
+            mem.malloc(before, nullptr);
+            for (void* p : {mem.malloc(sizeof(B), nullptr), unprepared.malloc(sizeof(B), nullptr)}) {
+                EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % kArenaAlign, 0u) << before;
+            }
+        }
+        // The recording path proper: built in the arena, replayed on the worker.
+        fake::reset();
+        mem.malloc(5, nullptr);
+        call(ctx, std::index_sequence_for<A...>{});
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(mem.mCursor - sizeof(B)) % kArenaAlign, 0u);
+        ctx.drain();
+        auto calls = fake::calls();
+        ASSERT_EQ(calls.size(), 1u);
+        EXPECT_EQ(calls[0].args, expected(std::index_sequence_for<A...>{}));
+    }
+
+    template <size_t... K>
+    static void call(support::ActiveContext& ctx, std::index_sequence<K...>) {
+        kamRecord<B>(ctx.get(), argValue<A>(static_cast<int>(K))...);
+    }
+    template <size_t... K>
+    static std::vector<uint64_t> expected(std::index_sequence<K...>) {
+        return {fake::bits(argValue<A>(static_cast<int>(K)))...};
+    }
+};
+
+#define LAYOUT_ROW(name) {#name, &Row<name##_Bridge, kam_pfn_##name>::check}
+
+struct LayoutCase {
+    const char* name;
+    void (*check)(support::ActiveContext&);
+};
+
+const LayoutCase kLayoutCases[] = {
+    LAYOUT_ROW(glWaitSync),                        // pointer, word, 64
+    LAYOUT_ROW(glUniform4ui64NV),                  // word, four 64
+    LAYOUT_ROW(glProgramUniform2i64NV),            // two words, two 64
+    LAYOUT_ROW(glBufferStorageMemEXT),             // word, pointer-sized, word, 64
+    LAYOUT_ROW(glBufferPageCommitmentMemNV),       // word, two pointer-sized, word, 64, byte
+    LAYOUT_ROW(glImportMemoryFdEXT),               // word, 64, two words
+    LAYOUT_ROW(glDrawVkImageNV),                   // 64 first, word, nine floats
+    LAYOUT_ROW(glMakeImageHandleResidentNV),       // 64, word
+    LAYOUT_ROW(glMatrixFrustumEXT),                // word, six doubles
+    LAYOUT_ROW(glTexStorageMem2DMultisampleEXT),   // five words, byte, word, 64
+    LAYOUT_ROW(glTexturePageCommitmentMemNV),      // ten words, 64, byte
+    LAYOUT_ROW(glBindBufferRange),                 // three words, two pointer-sized
+};
+
+TEST(CommandLayoutTest, SixtyFourBitMembersAreArenaAlignedAndReplayExactly) {
+    support::ActiveContext ctx;
+    for (const LayoutCase& c : kLayoutCases) {
+        SCOPED_TRACE(c.name);
+        c.check(ctx);
+    }
+}
+
+}  // namespace
