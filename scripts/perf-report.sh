@@ -1,0 +1,348 @@
+#!/usr/bin/env bash
+# The performance report in one command: builds the layer and the benchmarks
+# (Release, into build-perf/ or $KAM_BUILD_DIR), runs the frame benchmark in
+# its three modes, the draw-count/app-work sweep with its plots, glmark2-es2
+# direct and through the layer, and the transport micro-benchmarks, then
+# regenerates docs/performance.md from docs/performance.md.in with the
+# figures and docs/perf/ with the raw data and plots.
+#
+#   scripts/perf-report.sh
+#
+# KAM_PERF_QUICK=1 runs a much shorter version (to check the pipeline; the
+# numbers are then rough). Takes about 15 minutes on a 2-core machine.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${KAM_BUILD_DIR:-$root/build-perf}
+perf=$root/docs/perf
+
+if [[ -z "${KAM_SKIP_BUILD:-}" ]]; then
+  bash "$root/scripts/install-deps.sh"
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build "$build" -j"${KAM_JOBS:-2}" --target kam_frame_bench kam_transport_bench \
+    kam_platform_egl kam_platform_GLESv2 kam_platform_GLESv1_CM
+fi
+if [[ -z "${DISPLAY:-}" ]]; then
+  exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" env KAM_SKIP_BUILD=1 bash "$0" "$@"
+fi
+
+bench=$build/bench/kam_frame_bench
+micro=$build/bench/kam_transport_bench
+kam_run=$build/kam-run
+lp_threads=$(nproc)
+mkdir -p "$perf"
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+say() { echo "== $* ($(date +%T))" >&2; }
+
+if [[ -n "${KAM_PERF_QUICK:-}" ]]; then
+  main_frames=60 main_rounds=1
+  sweep_draws=(100 2000 10000) sweep_ratios=(0 1)
+  glmark_duration=1
+  micro_reps=1
+else
+  main_frames=200 main_rounds=3
+  sweep_draws=(100 500 2000 5000 10000 20000) sweep_ratios=(0 0.5 1)
+  glmark_duration=2
+  micro_reps=5
+fi
+# Frames per sweep point: enough for a stable median, few enough that the
+# heavy end stays within a few seconds per run.
+sweep_frames() {
+  local n=$1
+  if (( n <= 100 )); then echo 300; elif (( n <= 500 )); then echo 200; elif (( n <= 2000 )); then echo 100
+  elif (( n <= 5000 )); then echo 50; elif (( n <= 10000 )); then echo 30; else echo 20; fi
+}
+
+# ------------------------------------------------------------------ machine
+say "machine"
+{
+  echo "cpu=$(lscpu | sed -n 's/^Model name: *//p' | head -n1)"
+  echo "cpus=$(nproc)"
+  echo "memory=$(free -h | awk '/^Mem:/ {print $2}')"
+  echo "kernel=$(uname -r)"
+  echo "lp_threads=$lp_threads"
+  echo "load_before=$(cut -d' ' -f1-3 /proc/loadavg)"
+  echo "date=$(date -u +%Y-%m-%dT%H:%MZ)"
+  echo "commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)"
+} >"$perf/machine.txt"
+
+# ------------------------------------------------------------------ frame bench, three modes
+say "frame benchmark: 2000 draws, no app work"
+"$bench" --draws 2000 --work-us 0 --frames "$main_frames" --rounds "$main_rounds" --lp-threads "$lp_threads" \
+  --kam-run "$kam_run" | tee "$perf/frame_bench_work0.txt"
+say "frame benchmark: 2000 draws, app work = direct driver time"
+"$bench" --draws 2000 --work-ratio 1 --frames "$main_frames" --rounds "$main_rounds" --lp-threads "$lp_threads" \
+  --kam-run "$kam_run" | tee "$perf/frame_bench_work1.txt"
+sed -n 's/^driver: //p' "$perf/frame_bench_work0.txt" | head -n1 | sed 's/^/driver=/' >>"$perf/machine.txt"
+
+# ------------------------------------------------------------------ sweep
+say "sweep: draws ${sweep_draws[*]} x app work ratio ${sweep_ratios[*]}"
+sweep=$perf/sweep.csv
+echo "mode,draws,work_ratio,work_us,fps,frame_ms_median,frame_ms_p99,app_cpu_ms,runs,lp_threads,pixels_match,proc_cpu_ms,frames" >"$sweep"
+for n in "${sweep_draws[@]}"; do
+  frames=$(sweep_frames "$n")
+  driver_ms=""
+  for r in "${sweep_ratios[@]}"; do
+    if [[ $r == 0 ]]; then
+      work_us=0
+    else
+      # App work relative to the direct mode's app-thread time at no work,
+      # measured by this point's first run.
+      work_us=$(awk -v d="$driver_ms" -v r="$r" 'BEGIN { printf "%d", d * r * 1000 + 0.5 }')
+    fi
+    if ! "$bench" --draws "$n" --work-us "$work_us" --frames "$frames" --warmup 10 --rounds 1 \
+        --lp-threads "$lp_threads" --kam-run "$kam_run" --csv --no-header >"$tmp/point.csv" 2>"$tmp/point.err"; then
+      echo "sweep point draws=$n ratio=$r failed: $(tail -3 "$tmp/point.err")" >&2
+    fi
+    awk -F, -v r="$r" -v f="$frames" 'BEGIN { OFS = "," } { $2 = $2 "," r; print $0, f }' "$tmp/point.csv" >>"$sweep"
+    if [[ $r == 0 ]]; then driver_ms=$(awk -F, '$1 == "direct" { print $7 }' "$tmp/point.csv"); fi
+    [[ -n "$driver_ms" ]] || driver_ms=0
+    cat "$tmp/point.csv" >&2
+  done
+done
+
+say "plots"
+for r in "${sweep_ratios[@]}"; do
+  for m in direct kam glthread; do
+    awk -F, -v r="$r" -v m="$m" 'NR > 1 && $1 == m && $3 == r { print $2, $6, $8, $5 }' "$sweep" >"$tmp/$m-$r.dat"
+  done
+done
+plot_panels() {  # column title file
+  local col=$1 ylabel=$2 out=$3 r first=1
+  {
+    echo "set terminal pngcairo size 1500,480 font ',10'"
+    echo "set output '$out'"
+    echo "set multiplot layout 1,${#sweep_ratios[@]} title '$ylabel vs draws per frame (llvmpipe, LP_NUM_THREADS=$lp_threads)'"
+    echo "set logscale xy; set grid; set key top left; set xlabel 'draws per frame'"
+    for r in "${sweep_ratios[@]}"; do
+      if [[ $first == 1 ]]; then echo "set ylabel '$ylabel'"; first=0; else echo "unset ylabel"; fi
+      echo "set title 'app work = $r x direct driver time'"
+      echo "plot '$tmp/direct-$r.dat' using 1:$col with linespoints lw 2 title 'direct', \\"
+      echo "     '$tmp/kam-$r.dat' using 1:$col with linespoints lw 2 title 'libKAM', \\"
+      echo "     '$tmp/glthread-$r.dat' using 1:$col with linespoints lw 2 title 'mesa\\_glthread'"
+    done
+    echo "unset multiplot"
+  } >"$tmp/plot.gp"
+  gnuplot "$tmp/plot.gp"
+}
+plot_panels 2 "frame time, ms (median)" "$perf/frame_time.png"
+plot_panels 3 "app-thread CPU ms per frame" "$perf/app_cpu.png"
+
+# ------------------------------------------------------------------ glmark2
+# One context for all scenes (glmark2 otherwise makes one per scene, and
+# offload starts only after three one-second periods on a context); a first,
+# unscored scene gives the layer that time. Both runs get the same list.
+say "glmark2-es2"
+scenes=(build:use-vbo=false build:use-vbo=true texture:texture-filter=linear shading:shading=phong
+        bump:bump-render=normals effect2d pulsar:quads=20 desktop:effect=blur buffer:update-method=subdata
+        ideas conditionals function loop jellyfish)
+{
+  echo "build:duration=6"
+  for s in "${scenes[@]}"; do echo "$s:duration=$glmark_duration"; done
+} >"$tmp/glmark2.list"
+glmark() {  # output-prefix [kam-run args]; the layer's log goes to its own file, since it
+  local out=$1; shift  # would otherwise land in the middle of glmark2's result lines
+  LP_NUM_THREADS=$lp_threads "$@" glmark2-es2 --reuse-context -s 320x240 -f "$tmp/glmark2.list" \
+    >"$tmp/$out.txt" 2>"$tmp/$out.log" || echo "glmark2 ($out) failed: $(tail -3 "$tmp/$out.log")" >&2
+}
+glmark direct
+glmark kam "$kam_run" --verbose
+fps_of() {
+  sed -n 's/^\[\([^]]*\)\] \(.*\): FPS: \([0-9]*\).*/\1:\2,\3/p' "$1" | sed -E 's/duration=[0-9.]+:?//; s/:,/,/'
+}
+fps_of "$tmp/direct.txt" >"$tmp/direct.fps"
+fps_of "$tmp/kam.txt" >"$tmp/kam.fps"
+# The worker started once (during the 6-second first scene: the meter needs
+# three seconds) and never stopped.
+glmark_offload=no
+if [[ $(grep -c "KAMWorker started -> " "$tmp/kam.log") == 1 ]] && ! grep -q "is stopped" "$tmp/kam.log"; then
+  glmark_offload=yes
+fi
+{
+  echo "scene,direct_fps,kam_fps,kam_over_direct"
+  join -t, <(tail -n +2 "$tmp/direct.fps" | nl -s, -w3 -n rz) <(tail -n +2 "$tmp/kam.fps" | nl -s, -w3 -n rz) \
+    | awk -F, 'BEGIN { OFS = "," } $2 == $4 { printf "%s,%d,%d,%.3f\n", $2, $3, $5, ($3 > 0 ? $5 / $3 : 0) }'
+} >"$perf/glmark2.csv"
+echo "offload_active_before_scored_scenes=$glmark_offload" >"$perf/glmark2.txt"
+cat "$perf/glmark2.csv" >&2
+
+# ------------------------------------------------------------------ micro-benchmarks
+say "transport micro-benchmarks"
+"$micro" --benchmark_repetitions="$micro_reps" --benchmark_report_aggregates_only=true \
+  --benchmark_out="$tmp/micro.json" --benchmark_out_format=json >&2
+python3 - "$tmp/micro.json" "$perf/micro.csv" <<'PY'
+import json, sys
+data = json.load(open(sys.argv[1]))
+rows = {}
+for b in data["benchmarks"]:
+    agg = b.get("aggregate_name", "median" if b.get("run_type") == "iteration" else "")
+    if agg != "median":
+        continue
+    name = b.get("run_name", b["name"])
+    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b.get("time_unit", "ns")]
+    rows[name] = (b["real_time"] * scale, b["cpu_time"] * scale,
+                  b.get("p50_ns", ""), b.get("p99_ns", ""))
+with open(sys.argv[2], "w") as f:
+    f.write("benchmark,median_real_ns,median_cpu_ns,p50_ns,p99_ns\n")
+    for name, (real, cpu, p50, p99) in rows.items():
+        p50 = f"{p50:.0f}" if p50 != "" else ""
+        p99 = f"{p99:.0f}" if p99 != "" else ""
+        f.write(f"{name},{real:.2f},{cpu:.2f},{p50},{p99}\n")
+PY
+echo "load_after=$(cut -d' ' -f1-3 /proc/loadavg)" >>"$perf/machine.txt"
+
+# ------------------------------------------------------------------ the document
+say "docs/performance.md"
+python3 - "$root/docs/performance.md.in" "$root/docs/performance.md" "$perf" <<'PY'
+import csv, re, sys
+template, out, perf = sys.argv[1:4]
+
+machine = dict(l.rstrip("\n").split("=", 1) for l in open(f"{perf}/machine.txt") if "=" in l)
+
+def results(path):
+    res, text = {}, open(path).read()
+    for line in text.splitlines():
+        if line.startswith("RESULT "):
+            kv = dict(p.split("=", 1) for p in line.split()[1:])
+            res[kv["mode"]] = kv
+    m = re.search(r"kam_frame_bench: (.*)", text)
+    return res, (m.group(1) if m else ""), ("identical" in text)
+
+def f(x, d=2):
+    return f"{float(x):.{d}f}"
+
+def table(res):
+    rows = ["| mode | fps | frame ms (median) | frame ms (p99) | app-thread CPU ms/frame |", "|---|---:|---:|---:|---:|"]
+    names = {"direct": "direct", "kam": "libKAM", "glthread": "mesa_glthread"}
+    for m in ("direct", "kam", "glthread"):
+        if m in res:
+            r = res[m]
+            rows.append(f"| {names[m]} | {f(r['fps'])} | {f(r['frame_ms_median'])} | {f(r['frame_ms_p99'])} | {f(r['app_cpu_ms'], 3)} |")
+    return "\n".join(rows)
+
+def ratio(res, a, b, key):
+    try:
+        return float(res[a][key]) / float(res[b][key])
+    except (KeyError, ZeroDivisionError):
+        return float("nan")
+
+w0, w0_setup, w0_same = results(f"{perf}/frame_bench_work0.txt")
+w1, w1_setup, w1_same = results(f"{perf}/frame_bench_work1.txt")
+
+sweep = list(csv.DictReader(open(f"{perf}/sweep.csv")))
+def point(mode, draws, r):
+    for row in sweep:
+        if row["mode"] == mode and int(row["draws"]) == draws and float(row["work_ratio"]) == r:
+            return row
+    return None
+max_draws = max((int(r["draws"]) for r in sweep), default=0)
+ratios = sorted({float(r["work_ratio"]) for r in sweep})
+def sweep_table():
+    rows = ["| draws | app work ratio | app work us | direct ms | libKAM ms | glthread ms | fps libKAM/direct | fps libKAM/glthread | app CPU ms direct | app CPU ms libKAM | app CPU libKAM/direct | frames |",
+            "|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"]
+    for d in sorted({int(r["draws"]) for r in sweep}):
+        for r in ratios:
+            p = {m: point(m, d, r) for m in ("direct", "kam", "glthread")}
+            if not all(p.values()):
+                rows.append(f"| {d} | {r:g} | | (incomplete) | | | | | | | | |")
+                continue
+            fr = lambda a, b, k: float(p[a][k]) / float(p[b][k]) if float(p[b][k]) else float("nan")
+            rows.append(f"| {d} | {r:g} | {p['direct']['work_us']} | {f(p['direct']['frame_ms_median'])} | {f(p['kam']['frame_ms_median'])} | "
+                        f"{f(p['glthread']['frame_ms_median'])} | {fr('kam','direct','fps'):.2f} | {fr('kam','glthread','fps'):.2f} | "
+                        f"{f(p['direct']['app_cpu_ms'],3)} | {f(p['kam']['app_cpu_ms'],3)} | {fr('kam','direct','app_cpu_ms'):.2f} | {p['direct']['frames']} |")
+    return "\n".join(rows)
+pixels_ok = all(r["pixels_match"] == "1" for r in sweep) and w0_same and w1_same
+
+# Goal (a): app-thread time with the layer <= 40% of direct at the heavy end, no app work.
+a_direct, a_kam = point("direct", max_draws, 0.0), point("kam", max_draws, 0.0)
+a = float(a_kam["app_cpu_ms"]) / float(a_direct["app_cpu_ms"]) if a_direct and a_kam else float("nan")
+# Goal (b): at app work = driver work, fps >= 1.3x direct and >= glthread.
+b_direct, b_glthread = ratio(w1, "kam", "direct", "fps"), ratio(w1, "kam", "glthread", "fps")
+# Goal (c): median recording cost of an argument-only call.
+micro = list(csv.DictReader(open(f"{perf}/micro.csv")))
+mrow = lambda n: next((r for r in micro if r["benchmark"] == n), None)
+c_row = mrow("BM_Record_glUniform1f")
+c = float(c_row["median_cpu_ns"]) if c_row else float("nan")
+
+def verdict(ok):
+    return "**met**" if ok else "**missed**"
+goals = [
+    f"| (a) app-thread time/frame with the layer <= 40% of direct at the draw-heavy end ({max_draws} draws, no app work) | "
+    f"{a*100:.1f}% | {verdict(a <= 0.40)}{'' if a <= 0.40 else f', by {(a-0.40)*100:.1f} points'} |",
+    f"| (b1) fps with the layer >= 1.3x direct, app work = driver work (2000 draws) | x{b_direct:.2f} | "
+    f"{verdict(b_direct >= 1.3)}{'' if b_direct >= 1.3 else f', short by {(1.3-b_direct)/1.3*100:.0f}%'} |",
+    f"| (b2) fps with the layer >= mesa_glthread, same point | x{b_glthread:.2f} | "
+    f"{verdict(b_glthread >= 1.0)}{'' if b_glthread >= 1.0 else f', short by {(1-b_glthread)*100:.0f}%'} |",
+    f"| (c) recording cost of an argument-only call (glUniform1f) <= 10 ns median | {c:.1f} ns | "
+    f"{verdict(c <= 10)}{'' if c <= 10 else f', by {c-10:.1f} ns'} |",
+]
+
+def micro_table():
+    labels = {
+        "BM_DirectOriginCall_glUniform1f": "the driver entry called directly (fake driver), for scale",
+        "BM_PassThrough_glUniform1f": "wrapper with no offloaded context (pass-through)",
+        "BM_Record_glUniform1f": "record glUniform1f (argument-only call)",
+        "BM_Record_glUniformMatrix4fv_64B": "record glUniformMatrix4fv (64-byte copy)",
+        "BM_RecordWorkerHeld_glUniform1f/iterations:1": "record glUniform1f, worker held (per 50000-call batch)",
+        "BM_ReplayThroughput/100000/manual_time": "replay of 100000 glUniform1f on the worker (per batch)",
+        "BM_PostSyncRoundTrip": "synchronous round trip to the worker",
+        "BM_Record_glTexSubImage2D_64KiB": "record glTexSubImage2D, 64 KiB copied",
+        "BM_Record_MappedBufferWrite_4KiB": "map + write 4 KiB + flush + unmap (shadow mapping)",
+        "BM_Record_ClientArrayDrawElements/36": "client-array glDrawElements, 36 indices",
+        "BM_Record_ClientArrayDrawElements/600": "client-array glDrawElements, 600 indices",
+    }
+    rows = ["| benchmark | what | median wall ns | median CPU ns |", "|---|---|---:|---:|"]
+    for r in micro:
+        extra = f" (p50 {r['p50_ns']} ns, p99 {r['p99_ns']} ns)" if r["p50_ns"] else ""
+        rows.append(f"| `{r['benchmark']}` | {labels.get(r['benchmark'], '')}{extra} | {float(r['median_real_ns']):.1f} | {float(r['median_cpu_ns']):.1f} |")
+    return "\n".join(rows)
+
+glm = list(csv.DictReader(open(f"{perf}/glmark2.csv")))
+glm_info = dict(l.strip().split("=", 1) for l in open(f"{perf}/glmark2.txt") if "=" in l)
+def glm_table():
+    rows = ["| scene | direct fps | libKAM fps | libKAM/direct |", "|---|---:|---:|---:|"]
+    for r in glm:
+        rows.append(f"| `{r['scene']}` | {r['direct_fps']} | {r['kam_fps']} | {float(r['kam_over_direct']):.2f} |")
+    return "\n".join(rows)
+import math
+ratios_g = [float(r["kam_over_direct"]) for r in glm if float(r["kam_over_direct"]) > 0]
+glm_geo = math.exp(sum(math.log(x) for x in ratios_g) / len(ratios_g)) if ratios_g else float("nan")
+
+values = {
+    "DATE": machine.get("date", ""), "COMMIT": machine.get("commit", ""), "CPU": machine.get("cpu", ""),
+    "CPUS": machine.get("cpus", ""), "MEMORY": machine.get("memory", ""), "KERNEL": machine.get("kernel", ""),
+    "DRIVER": machine.get("driver", ""), "LP_THREADS": machine.get("lp_threads", ""),
+    "LOAD_BEFORE": machine.get("load_before", ""), "LOAD_AFTER": machine.get("load_after", ""),
+    "MAIN0_SETUP": w0_setup, "MAIN0_TABLE": table(w0), "MAIN1_SETUP": w1_setup, "MAIN1_TABLE": table(w1),
+    "MAIN0_KAM_DIRECT_FPS": f"{ratio(w0,'kam','direct','fps'):.2f}", "MAIN0_KAM_GLTHREAD_FPS": f"{ratio(w0,'kam','glthread','fps'):.2f}",
+    "MAIN0_KAM_DIRECT_CPU": f"{ratio(w0,'kam','direct','app_cpu_ms'):.2f}", "MAIN0_KAM_GLTHREAD_CPU": f"{ratio(w0,'kam','glthread','app_cpu_ms'):.2f}",
+    "MAIN1_KAM_DIRECT_FPS": f"{b_direct:.2f}", "MAIN1_KAM_GLTHREAD_FPS": f"{b_glthread:.2f}",
+    "MAIN1_KAM_DIRECT_CPU": f"{ratio(w1,'kam','direct','app_cpu_ms'):.2f}", "MAIN1_KAM_GLTHREAD_CPU": f"{ratio(w1,'kam','glthread','app_cpu_ms'):.2f}",
+    "PIXELS": "identical in every run" if pixels_ok else "**DIFFERENT in at least one run**",
+    "SWEEP_TABLE": sweep_table(), "GOALS_TABLE": "\n".join(["| goal | measured | verdict |", "|---|---:|---|"] + goals),
+    "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}",
+    "GLMARK_OFFLOAD": glm_info.get("offload_active_before_scored_scenes", "?"),
+}
+def load(s):
+    try:
+        return float(s.split()[0])
+    except (IndexError, ValueError):
+        return 0.0
+busy = max(load(machine.get("load_before", "")), load(machine.get("load_after", "")))
+values["NOISE_NOTE"] = (
+    f"**The machine was busy during this run** (one-minute load average up to {busy:.1f} on "
+    f"{machine.get('cpus', '?')} CPUs, from other work running beside the report): the figures are noisy and the "
+    "ratios between modes are the more trustworthy part; re-run the report on a quiet machine for final numbers."
+    if busy > 0.5 * float(machine.get("cpus", "1") or 1) else
+    "The machine was otherwise idle during this run (see the load averages above).")
+text = open(template).read()
+def sub(m):
+    key = m.group(1)
+    if key not in values:
+        raise SystemExit(f"performance.md.in: unknown placeholder @{key}@")
+    return values[key]
+text = re.sub(r"@([A-Z0-9_]+)@", sub, text)
+open(out, "w").write(text)
+print("\n".join(goals))
+PY
+say "done: docs/performance.md, docs/perf/"
