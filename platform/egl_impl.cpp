@@ -23,6 +23,7 @@
 #include "platform/platform.h"
 #include "runtime/KAMContext.h"
 #include "runtime/KAMManager.h"
+#include "runtime/KAMThreadLocal.h"
 #include "runtime/PlatformRecords.h"
 
 using android::KAMManager;
@@ -57,6 +58,10 @@ struct SurfaceRec : PlatformSurfaceRecord {
 std::mutex gLock;
 std::unordered_set<const void*> gContexts;
 std::unordered_set<const void*> gSurfaces;
+// Records allocated and not yet freed, live or destroyed but still bound:
+// what a test reads to see that nothing is left behind.
+int gContextRecords = 0;
+int gSurfaceRecords = 0;
 // Offload contexts of destroyed application contexts, released by the public
 // eglDestroyContext on the caller's thread: the table entry may run on the
 // layer's worker, which must never end up joining itself.
@@ -72,6 +77,13 @@ struct ThreadState {
     SurfaceRec* read = nullptr;
 };
 thread_local ThreadState tState;
+// A thread that ends with a context current still holds its records; they
+// go with it, as the thread's driver state does. Made on a thread's first
+// rebind.
+struct ThreadExit {
+    ~ThreadExit();
+};
+thread_local ThreadExit tExit;
 
 template <class F>
 F driverGl(android::KamGlId id) {
@@ -92,15 +104,22 @@ SurfaceRec* findSurface(const void* handle) {
 }
 
 void freeIfUnused(ContextRec* r) {
-    if (r && r->destroyed && r->boundThreads == 0) delete r;
+    if (r && r->destroyed && r->boundThreads == 0) {
+        delete r;
+        gContextRecords--;
+    }
 }
 
 void freeIfUnused(SurfaceRec* s) {
-    if (s && s->destroyed && s->boundThreads == 0) delete s;
+    if (s && s->destroyed && s->boundThreads == 0) {
+        delete s;
+        gSurfaceRecords--;
+    }
 }
 
 // Rebinds this thread's records under gLock; the previous ones may go now.
 void rebind(ContextRec* ctx, SurfaceRec* draw, SurfaceRec* read) {
+    static_cast<void>(&tExit);
     ThreadState old = tState;
     if (ctx) ctx->boundThreads++;
     if (draw) draw->boundThreads++;
@@ -112,6 +131,11 @@ void rebind(ContextRec* ctx, SurfaceRec* draw, SurfaceRec* read) {
     freeIfUnused(old.context);
     freeIfUnused(old.draw);
     if (old.read != old.draw) freeIfUnused(old.read);
+}
+
+ThreadExit::~ThreadExit() {
+    std::lock_guard<std::mutex> guard(gLock);
+    rebind(nullptr, nullptr, nullptr);
 }
 
 void noContextCall() {
@@ -212,6 +236,7 @@ EGLSurface wrapSurface(EGLDisplay dpy, EGLConfig config, EGLSurface driverSurfac
     s->nativeWindow = nativeWindow;
     std::lock_guard<std::mutex> guard(gLock);
     gSurfaces.insert(s);
+    gSurfaceRecords++;
     return s;
 }
 
@@ -290,6 +315,7 @@ EGLContext impl_eglCreateContext(EGLDisplay dpy, EGLConfig config, EGLContext sh
     prctl(PR_GET_NAME, r->creatorName, 0, 0, 0);
     std::lock_guard<std::mutex> guard(gLock);
     gContexts.insert(r);
+    gContextRecords++;
     return r;
 }
 
@@ -493,6 +519,13 @@ KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface
     void* record = liveContext(ctx);
     kam_platform_gl_slot = record ? static_cast<void*>(gDriverGlTable()) : static_cast<void*>(kam_platform_no_context_table);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPre(record, liveSurface(draw));
+    // A thread that leaves its offloaded context for another one or for none
+    // lets go of it here, first: the worker keeps that context current, and
+    // the thread's own make-current must then run on the thread itself, not
+    // be handed to the worker by the layer's table entry.
+    android::KAMContext* offloaded = android::activeContext();
+    if (offloaded && offloaded->mEglContext != record && (ctx == EGL_NO_CONTEXT || record))
+        KAMManager::INSTANCE->makeCurrentPost(nullptr);
     EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
     return ok;
@@ -546,6 +579,16 @@ KAM_PUBLIC EGLSurface eglCreatePlatformPixmapSurfaceEXT(EGLDisplay dpy, EGLConfi
 KAM_PUBLIC void kam_platform_update_mtr(int flags) {
     ensureInit();
     KAMManager::INSTANCE->updateMTR(flags);
+}
+
+KAM_PUBLIC void kam_platform_record_counts(int* contexts, int* surfaces) {
+    std::lock_guard<std::mutex> guard(gLock);
+    if (contexts) *contexts = gContextRecords;
+    if (surfaces) *surfaces = gSurfaceRecords;
+}
+
+KAM_PUBLIC int kam_platform_thread_offloaded(void) {
+    return android::activeContext() != nullptr;
 }
 
 }  // extern "C"

@@ -22,6 +22,11 @@ extern KAM_PUBLIC const char* const kam_platform_gl_names[];
 extern KAM_PUBLIC const char* const kam_platform_egl_names[];
 // Switches offload off (bit 0 clear) or on (bit 0 set) in a running process.
 KAM_PUBLIC void kam_platform_update_mtr(int flags);
+// For test programs: how many context and surface records exist (including
+// the layer's own placeholders, destroyed ones still bound to a thread), and
+// whether the calling thread's GL calls are currently offloaded.
+KAM_PUBLIC void kam_platform_record_counts(int* contexts, int* surfaces);
+KAM_PUBLIC int kam_platform_thread_offloaded(void);
 }
 
 namespace kamplatform {
