@@ -7,6 +7,10 @@ set(CMAKE_SYSTEM_PROCESSOR arm)
 set(KAM_ARMHF_TRIPLET arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER ${KAM_ARMHF_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${KAM_ARMHF_TRIPLET}-g++)
+# GCC notes on every function taking a 64-bit-element initializer_list that
+# its ARM argument passing changed in GCC 7.1: only matters when linking with
+# objects built by GCC 6 or older, which never happens here.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
 # The cross compiler's own sysroot first, then the host's multiarch tree
 # (/usr/lib/arm-linux-gnueabihf), where the Android and EGL/GLES packages of
@@ -17,8 +21,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# pkg-config must answer with the armhf .pc files, not the host's.
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${KAM_ARMHF_TRIPLET}/pkgconfig:/usr/share/pkgconfig)
+# pkg-config must answer with the armhf .pc files, not the host's (a caller
+# may name more directories, see scripts/armhf.sh).
+if(NOT DEFINED ENV{PKG_CONFIG_LIBDIR})
+  set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${KAM_ARMHF_TRIPLET}/pkgconfig:/usr/share/pkgconfig)
+endif()
 
 # try_run, gtest_discover_tests and ctest start target programs through qemu.
 # -L: the ELF interpreter and libc come from the cross toolchain's tree.

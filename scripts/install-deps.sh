@@ -24,6 +24,51 @@ PACKAGES=(
   clang libclang-rt-14-dev
 )
 
+# Optional group, `install-deps.sh armhf`: the 32-bit ARM cross build and its
+# emulated test run (scripts/armhf.sh). The cross compiler and qemu are host
+# packages; the Android libraries come from the armhf architecture
+# (multiarch). The layer needs only the EGL/GLES headers, which are the same
+# for every architecture: the armhf EGL/GLES packages would drag in Mesa,
+# whose armhf dependencies often lag behind the host's security updates. Debian's armhf index is sometimes inconsistent
+# for a while, so a failure here is reported with its reason and exit code
+# 77, which the callers treat as "skipped", never as success.
+if [[ ${1:-} == armhf ]]; then
+  ARMHF_PACKAGES=(
+    g++-arm-linux-gnueabihf qemu-user
+    android-libutils-dev:armhf android-libcutils-dev:armhf android-liblog-dev:armhf
+  )
+  missing=()
+  for p in "${ARMHF_PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  [[ ${#missing[@]} -eq 0 ]] && exit 0
+  skip() { echo "armhf: cannot install dependencies: $*" >&2; exit 77; }
+  SUDO=""
+  if [[ $(id -u) -ne 0 ]]; then
+    sudo -n true 2>/dev/null || skip "not root and no password-less sudo"
+    SUDO="sudo"
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  echo "install-deps: installing ${missing[*]}" >&2
+  if ! dpkg --print-foreign-architectures | grep -qx armhf; then
+    $SUDO dpkg --add-architecture armhf || skip "dpkg --add-architecture armhf failed (multiarch unavailable)"
+  fi
+  log=$(mktemp)
+  # A failed update may still leave usable lists (one inconsistent index
+  # among several): the install below decides.
+  if ! $SUDO apt-get -o DPkg::Lock::Timeout=600 update -qq >"$log" 2>&1; then
+    update_error=$(grep -m1 -E '^(E|W):' "$log" || tail -n1 "$log")
+    echo "install-deps: 'apt-get update' failed (${update_error}); trying the install with the lists there are" >&2
+  fi
+  if ! $SUDO apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${missing[@]}" >"$log" 2>&1; then
+    reason=$(grep -m1 -E '^E:' "$log" || tail -n1 "$log")
+    rm -f "$log"
+    skip "apt-get install ${missing[*]}: ${reason}${update_error:+ (after a failed update: ${update_error})}"
+  fi
+  rm -f "$log"
+  exit 0
+fi
+
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
