@@ -264,6 +264,15 @@ mrow = lambda n: next((r for r in micro if r["benchmark"] == n), None)
 c_row = mrow("BM_Record_glUniform1f")
 c = float(c_row["median_cpu_ns"]) if c_row else float("nan")
 
+def proc_table(w0, w1):
+    rows = ["| setting | mode | app-thread CPU ms/frame | whole-process CPU ms/frame | frame ms (median) |", "|---|---|---:|---:|---:|"]
+    for label, res in (("no game logic", w0), ("game logic = driver work", w1)):
+        for m, name in (("direct", "direct"), ("kam", "libKAM"), ("glthread", "mesa_glthread")):
+            if m in res and "proc_cpu_ms" in res[m]:
+                r = res[m]
+                rows.append(f"| {label} | {name} | {f(r['app_cpu_ms'], 3)} | {f(r['proc_cpu_ms'], 3)} | {f(r['frame_ms_median'])} |")
+    return "\n".join(rows)
+
 def verdict(ok):
     return "**met**" if ok else "**missed**"
 goals = [
@@ -277,13 +286,22 @@ goals = [
     f"{verdict(c <= 10)}{'' if c <= 10 else f', by {c-10:.1f} ns'} |",
 ]
 
+def micro_ns(name, per=1):
+    r = mrow(name)
+    return float(r["median_cpu_ns"]) / per if r else float("nan")
+held_ns = micro_ns("BM_RecordWorkerHeld_glUniform1f", 50000)
+cached_ns = micro_ns("BM_Record_glUniform1f_CachedArena")
+replay_ns = micro_ns("BM_ReplayThroughput/100000/manual_time", 100000)
+direct_ns = micro_ns("BM_DirectOriginCall_glUniform1f")
+
 def micro_table():
     labels = {
         "BM_DirectOriginCall_glUniform1f": "the driver entry called directly (fake driver), for scale",
         "BM_PassThrough_glUniform1f": "wrapper with no offloaded context (pass-through)",
-        "BM_Record_glUniform1f": "record glUniform1f (argument-only call)",
+        "BM_Record_glUniform1f": "record glUniform1f (argument-only call), 100000-call frames",
+        "BM_Record_glUniform1f_CachedArena": "the same, 2000-call frames (arena stays cached)",
         "BM_Record_glUniformMatrix4fv_64B": "record glUniformMatrix4fv (64-byte copy)",
-        "BM_RecordWorkerHeld_glUniform1f/iterations:1": "record glUniform1f, worker held (per 50000-call batch)",
+        "BM_RecordWorkerHeld_glUniform1f": "record glUniform1f with the worker held, per 50000-call batch",
         "BM_ReplayThroughput/100000/manual_time": "replay of 100000 glUniform1f on the worker (per batch)",
         "BM_PostSyncRoundTrip": "synchronous round trip to the worker",
         "BM_Record_glTexSubImage2D_64KiB": "record glTexSubImage2D, 64 KiB copied",
@@ -322,6 +340,11 @@ values = {
     "SWEEP_TABLE": sweep_table(), "GOALS_TABLE": "\n".join(["| goal | measured | verdict |", "|---|---:|---|"] + goals),
     "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}",
     "GLMARK_OFFLOAD": glm_info.get("offload_active_before_scored_scenes", "?"),
+    "REC_NS": f"{c:.1f}", "HELD_NS": f"{held_ns:.1f}", "CACHED_NS": f"{cached_ns:.1f}",
+    "REPLAY_NS": f"{replay_ns:.1f}", "DIRECT_NS": f"{direct_ns:.1f}",
+    "PROC_TABLE": proc_table(w0, w1),
+    "RT_P50_US": (f"{float(mrow('BM_PostSyncRoundTrip')['p50_ns']) / 1000:.1f}"
+                  if mrow("BM_PostSyncRoundTrip") and mrow("BM_PostSyncRoundTrip")["p50_ns"] else "?"),
 }
 def load(s):
     try:
