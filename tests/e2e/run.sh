@@ -118,7 +118,7 @@ case "$test_name" in
     # matches the direct run's; the program itself checks that resident
     # memory levels off and that no EGL record is left; no thread is left
     # beyond what the direct run leaves.
-    frames=${KAM_SOAK_FRAMES:-3000}
+    frames=${KAM_SOAK_FRAMES:-40000}
     "$build/kam-soak-app" --frames "$frames" >"$out/direct.txt" 2>"$out/direct.log" \
       || fail "soak app without the layer failed: $(tail -5 "$out/direct.log")"
     "$kam_run" --verbose "$build/kam-soak-app" --frames "$frames" --warmup-seconds 4 \

@@ -46,7 +46,7 @@ struct Options {
     long toggle_every = 7;
     long warmup_after = 30;
     double warmup_seconds = 0.0;
-    long rss_slack_kb = 4096;
+    long rss_slack_kb = 1024;
     int size = 96;
 };
 
