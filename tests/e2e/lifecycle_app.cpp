@@ -282,6 +282,18 @@ void thread_exits_while_attached() {
             until_offloaded(s);
         // Ends with the context current and offloaded.
     });
+    // The thread's record reported the context it held as it went.
+    char held[64];
+    std::snprintf(held, sizeof held, "EGLContext= %p", c);
+    bool reported = !gOffloaded;
+    {
+        std::lock_guard<std::mutex> guard(gLogLock);
+        for (const std::string &l : gLog)
+            reported = reported || (l.find("onThreadReleased:[<lc-exit>,") != std::string::npos &&
+                                    l.find(held) != std::string::npos);
+    }
+    if (!reported)
+        gFailure.set(std::string("the exiting thread did not report ") + held);
     eglDestroySurface(gEnv.dpy, s);
     eglDestroyContext(gEnv.dpy, c);
     on_thread("lc-after-exit", [] {
