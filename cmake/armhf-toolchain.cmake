@@ -29,4 +29,7 @@ endif()
 
 # try_run, gtest_discover_tests and ctest start target programs through qemu.
 # -L: the ELF interpreter and libc come from the cross toolchain's tree.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;/usr/${KAM_ARMHF_TRIPLET})
+# A caller may give its own (scripts/armhf.sh adds the loader's library path).
+if(NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
+  set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;/usr/${KAM_ARMHF_TRIPLET})
+endif()

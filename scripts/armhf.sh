@@ -49,7 +49,10 @@ if readelf -d "$androiddir"/lib*.so.0 2>/dev/null | grep -q 'NEEDED.*\[7z\.so\]'
 fi
 
 toolchain=$root/cmake/armhf-toolchain.cmake
-emulator="qemu-arm;-L;/usr/$triplet"
+# No -L: the Android packages bring the armhf libc (libc6:armhf) with its
+# loader at /lib/ld-linux-armhf.so.3; pointing qemu at the cross toolchain's
+# copy instead mixes two libcs in one process, and it crashes.
+emulator="qemu-arm"
 linkflags=""
 if [[ ${#libdirs[@]} -gt 0 ]]; then
   path=$(IFS=:; echo "${libdirs[*]}")
