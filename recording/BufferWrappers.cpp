@@ -41,7 +41,8 @@ KAM_EXPORT void kam_glBindVertexArray(GLuint array) {
 KAM_EXPORT void kam_glDeleteBuffers_opt(GLsizei n, const GLuint* buffers) {
     KAMContext* c = attachedContext();
     if (c == nullptr) return KAM_GL(glDeleteBuffers)(n, buffers);
-    c->mBindings.deleteBuffers(n, buffers);
+    // Small values are not names the layer may read; the driver judges them.
+    if (kamIsClientMemory(buffers)) c->mBindings.deleteBuffers(n, buffers);
     if (activeContext() == nullptr) return KAM_GL(glDeleteBuffers)(n, buffers);
     void* copy = nullptr;
     if (n >= 1 && kamIsClientMemory(buffers))

@@ -7,6 +7,7 @@
 #include "kam_bridges.h"
 #include "recording/Record.h"
 #include "shadow/GLCaches.h"
+#include "shadow/Params.h"
 #include "shadow/TexSize.h"
 
 using namespace android;
@@ -29,6 +30,22 @@ inline bool stagePixels(KAMContext* c, GLenum bufferTarget, const void*& pixels,
     if (copy == nullptr) return false;
     pixels = copy;
     return true;
+}
+
+// Bytes an upload reads. An image the GL rejects for a negative size reads
+// nothing, however the 32-bit arithmetic wraps. Two-dimensional images skip
+// no images whatever the unpack state says: the GL applies image height and
+// skipped images to 3D images only.
+int uploadSize3D(KAMContext* c, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type) {
+    if (width < 0 || height < 0 || depth < 0) return 0;
+    return texSize(c, width, height, depth, format, type);
+}
+
+int uploadSize2D(KAMContext* c, GLsizei width, GLsizei height, GLenum format, GLenum type) {
+    if (width < 0 || height < 0) return 0;
+    Params p = c->mParams;
+    p.mUnpackSkipImages = 0;
+    return texSize(p, width, height, 1, format, type);
 }
 
 // Delete wrappers: the name array is copied so that the caller may reuse it.
@@ -82,7 +99,7 @@ KAM_EXPORT void kam_glTexImage2D_opt(GLenum target, GLint level, GLint internalf
     KAMContext* c = activeContext();
     if (__builtin_expect(c == nullptr, 1))
         return KAM_GL(glTexImage2D)(target, level, internalformat, width, height, border, format, type, pixels);
-    if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels, [&] { return texSize(c, width, height, 1, format, type); })) {
+    if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels, [&] { return uploadSize2D(c, width, height, format, type); })) {
         c->mWorker->postSync(
             [&] { KAM_GL(glTexImage2D)(target, level, internalformat, width, height, border, format, type, pixels); },
             "kam_glTexImage2D_opt");
@@ -96,7 +113,7 @@ KAM_EXPORT void kam_glTexSubImage2D_opt(GLenum target, GLint level, GLint xoffse
     KAMContext* c = activeContext();
     if (__builtin_expect(c == nullptr, 1))
         return KAM_GL(glTexSubImage2D)(target, level, xoffset, yoffset, width, height, format, type, pixels);
-    if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels, [&] { return texSize(c, width, height, 1, format, type); })) {
+    if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels, [&] { return uploadSize2D(c, width, height, format, type); })) {
         c->mWorker->postSync(
             [&] { KAM_GL(glTexSubImage2D)(target, level, xoffset, yoffset, width, height, format, type, pixels); },
             "kam_glTexSubImage2D_opt");
@@ -111,7 +128,7 @@ KAM_EXPORT void kam_glTexImage3D_opt(GLenum target, GLint level, GLint internalf
     if (__builtin_expect(c == nullptr, 1))
         return KAM_GL(glTexImage3D)(target, level, internalformat, width, height, depth, border, format, type, pixels);
     if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels,
-                     [&] { return texSize(c, width, height, depth, format, type); })) {
+                     [&] { return uploadSize3D(c, width, height, depth, format, type); })) {
         c->mWorker->postSync(
             [&] {
                 KAM_GL(glTexImage3D)(target, level, internalformat, width, height, depth, border, format, type, pixels);
@@ -131,7 +148,7 @@ KAM_EXPORT void kam_glTexSubImage3D_opt(GLenum target, GLint level, GLint xoffse
         return KAM_GL(glTexSubImage3D)(target, level, xoffset, yoffset, zoffset, width, height, depth, format, type,
                                        pixels);
     if (!stagePixels(c, GL_PIXEL_UNPACK_BUFFER, pixels,
-                     [&] { return texSize(c, width, height, depth, format, type); })) {
+                     [&] { return uploadSize3D(c, width, height, depth, format, type); })) {
         c->mWorker->postSync(
             [&] {
                 KAM_GL(glTexSubImage3D)(target, level, xoffset, yoffset, zoffset, width, height, depth, format, type,
@@ -244,14 +261,15 @@ KAM_EXPORT void kam_glGenVertexArrays_opt(GLsizei n, GLuint* arrays) {
         KAM_GL(glGenVertexArrays)(n, arrays);
         return;
     }
-    if (!c->mCaches.getCaches(GLCaches::kVertexArrays, n, arrays))
+    // Names are only written into client memory; the driver judges the rest.
+    if (!kamIsClientMemory(arrays) || !c->mCaches.getCaches(GLCaches::kVertexArrays, n, arrays))
         c->mWorker->postSync([&] { KAM_GL(glGenVertexArrays)(n, arrays); }, "kam_glGenVertexArrays_opt");
 }
 
 KAM_EXPORT void kam_glGenTransformFeedbacks_opt(GLsizei n, GLuint* ids) {
     KAMContext* c = activeContext();
     if (__builtin_expect(c == nullptr, 1)) return KAM_GL(glGenTransformFeedbacks)(n, ids);
-    if (!c->mCaches.getCaches(GLCaches::kTransformFeedbacks, n, ids))
+    if (!kamIsClientMemory(ids) || !c->mCaches.getCaches(GLCaches::kTransformFeedbacks, n, ids))
         c->mWorker->postSync([&] { KAM_GL(glGenTransformFeedbacks)(n, ids); }, "kam_glGenTransformFeedbacks_opt");
 }
 

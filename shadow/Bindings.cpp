@@ -61,6 +61,11 @@ MappedInfo* Bindings::mapBufferRangePre(GLenum target, GLintptr offset, GLsizeip
                  target, access, static_cast<int>(offset), static_cast<int>(length), 0);
         return nullptr;
     }
+    // Ranges the GL rejects, and ones whose end does not fit the 32-bit
+    // bookkeeping, go to the driver, which reports the error: a shadow sized
+    // from a wrapped end would be smaller than the range handed out.
+    if (offset < 0 || length < 0 || static_cast<uint64_t>(offset) + static_cast<uint64_t>(length) > UINT32_MAX)
+        return nullptr;
     BufferInfo* info = nullptr;
     auto it = buffers.find(buffer);
     if (it != buffers.end()) {
@@ -183,8 +188,10 @@ void Bindings::flushMappedBufferRangePost(GLenum, GLintptr offset, GLsizeiptr le
     if (mi == nullptr) return;
     BufferInfo* info = mi->info;
     if (info->mappedPointer == nullptr || !(mi->access & GL_MAP_FLUSH_EXPLICIT_BIT)) return;
-    const uint32_t end = static_cast<uint32_t>(offset) + static_cast<uint32_t>(length);
-    if (end > mi->length) return;
+    // A range the GL rejects (negative, or past the mapping) copies nothing;
+    // 32-bit sums would let a negative offset wrap into range.
+    if (offset < 0 || length < 0 || static_cast<uint64_t>(offset) + static_cast<uint64_t>(length) > mi->length)
+        return;
     info->lockShadow();
     memcpy(static_cast<uint8_t*>(info->mappedPointer) + offset, info->shadow + mi->offset + offset,
            static_cast<size_t>(length));

@@ -22,8 +22,8 @@ public:
 };
 
 // Bytes per component of a vertex attribute or index type; 0 for types the
-// layer does not size. Packed types count per component too: the over-copy
-// is harmless and keeps one table for both uses.
+// layer does not size. Packed types count per component here; the vertex
+// copy sizes packed attributes as one word per vertex itself.
 KAM_EXPORT int kamTypeSize(GLenum type);
 
 // Copies the client vertex data an indexed draw of count indices can reach

@@ -74,7 +74,11 @@ void applyAttribs(const char*, GLsizei count, GLenum type, const void* indices) 
     for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot) {
         const ClientArray* a = c->mAttribArrays[slot];
         if (a == nullptr || a->pointer == nullptr) continue;
-        const size_t elemSize = static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
+        // Packed types hold the whole vertex in one word: counting their
+        // size per component would read past the application's array.
+        const bool packed = a->type == GL_UNSIGNED_INT_2_10_10_10_REV || a->type == GL_INT_2_10_10_10_REV;
+        const size_t elemSize =
+            packed ? 4 : static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
         const size_t total = elemSize * vertices;
         const void* pointer = a->pointer;
         uint8_t* copy = static_cast<uint8_t*>(c->mMemory.malloc(total, nullptr));
@@ -104,7 +108,10 @@ namespace {
 template <class Sync>
 bool copyIndices(KAMContext* c, const char* label, GLsizei count, GLenum type, const void*& indices, Sync&& sync) {
     if (!kamIsClientMemory(indices) || c->mBindings.getBindingBuffer(GL_ELEMENT_ARRAY_BUFFER) != 0) return true;
-    const long long bytes = static_cast<long long>(kamTypeSize(type)) * count;
+    // Only the three index types are read by the GL; any other type is an
+    // error there, and nothing here may read on its behalf.
+    const int indexBytes = type == GL_UNSIGNED_BYTE ? 1 : type == GL_UNSIGNED_SHORT ? 2 : type == GL_UNSIGNED_INT ? 4 : 0;
+    const long long bytes = static_cast<long long>(indexBytes) * count;
     const void* copy = bytes >= 1 ? c->mMemory.malloc(static_cast<size_t>(bytes), indices) : nullptr;
     if (copy == nullptr) {
         c->mWorker->postSync(sync, label);
@@ -120,6 +127,21 @@ bool indirectFromClient(KAMContext* c, const void* indirect) {
     return kamIsClientMemory(indirect) && c->mBindings.getBindingBuffer(GL_DRAW_INDIRECT_BUFFER) == 0;
 }
 
+// A call the GL rejects leaves the attribute as it was; the record must not
+// take its values either, or a later draw copies by them.
+bool attribAccepted(GLint size, GLenum type, GLsizei stride) {
+    if (size < 1 || size > 4 || stride < 0) return false;
+    switch (type) {
+        case GL_BYTE: case GL_UNSIGNED_BYTE: case GL_SHORT: case GL_UNSIGNED_SHORT: case GL_INT:
+        case GL_UNSIGNED_INT: case GL_FLOAT: case GL_HALF_FLOAT: case GL_HALF_FLOAT_OES: case GL_FIXED:
+            return true;
+        case GL_INT_2_10_10_10_REV: case GL_UNSIGNED_INT_2_10_10_10_REV:
+            return size == 4;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -128,7 +150,7 @@ KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum t
                                               GLsizei stride, const void* pointer) {
     KAMContext* c = activeContext();
     if (c == nullptr) return KAM_GL(glVertexAttribPointer)(index, size, type, normalized, stride, pointer);
-    if (index <= 16 && c->mClientArrays) {
+    if (index <= 16 && c->mClientArrays && attribAccepted(size, type, stride)) {
         ClientArray*& a = c->mAttribArrays[index];
         if (!kamIsClientMemory(pointer)) {
             if (a != nullptr) a->pointer = nullptr;

@@ -109,7 +109,7 @@ TEST_F(ClientArrayTest, IndexedDrawsCopyTheReachableVertices) {
         {"packed floats, stride 0", 3, GL_FLOAT, 0, GL_UNSIGNED_SHORT, {0, 2, 1}, 3},
         {"stride equal to the element", 3, GL_FLOAT, 12, GL_UNSIGNED_SHORT, {0, 2, 1}, 3},
         {"bytes, strided", 2, GL_UNSIGNED_BYTE, 7, GL_UNSIGNED_BYTE, {4, 1}, 5},
-        {"packed 10-bit type counts per component", 4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, GL_UNSIGNED_INT,
+        {"packed 10-bit type holds a vertex in one word", 4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, GL_UNSIGNED_INT,
          {1, 0}, 2},
         {"top-bit int indices are not the maximum", 2, GL_SHORT, 0, GL_UNSIGNED_INT, {1, 0xFFFFFFFFu, 3, 0x80000000u},
          4},
@@ -119,7 +119,9 @@ TEST_F(ClientArrayTest, IndexedDrawsCopyTheReachableVertices) {
     for (const DrawCase& tc : cases) {
         SCOPED_TRACE(tc.name);
         std::vector<uint8_t> data = vertexData(tc.stride ? static_cast<size_t>(tc.stride) : 16);
-        const size_t elem = static_cast<size_t>(kamTypeSize(tc.attribType)) * static_cast<size_t>(tc.size);
+        const size_t elem = tc.attribType == GL_UNSIGNED_INT_2_10_10_10_REV
+                                ? 4
+                                : static_cast<size_t>(kamTypeSize(tc.attribType)) * static_cast<size_t>(tc.size);
         const size_t step = tc.stride ? static_cast<size_t>(tc.stride) : elem;
         std::vector<uint8_t> packed;
         for (size_t v = 0; v < tc.vertices; ++v)

@@ -437,18 +437,18 @@ TEST_F(PixelWrapperTest, PixelStoreUpdatesOnlyTheUnpackSnapshotAndReachesBothThr
         SCOPED_TRACE(::testing::Message() << "pname 0x" << std::hex << r.pname);
         for (auto f : all) p.*f = -100;
         fake::reset();
-        kam_glPixelStorei_opt(r.pname, 77);
+        kam_glPixelStorei_opt(r.pname, 8);
         const auto atReturn = fake::calls();
         ctx.drain();
         const auto after = fake::calls();
-        for (auto f : all) EXPECT_EQ(p.*f, f == r.field ? 77 : -100);
+        for (auto f : all) EXPECT_EQ(p.*f, f == r.field ? 8 : -100);
         ASSERT_EQ(atReturn.size(), 1u);
         EXPECT_TRUE(onSelf(atReturn[0]));
         ASSERT_EQ(after.size(), 2u);
         EXPECT_TRUE(onWorker(after[1]));
         for (const auto& c : after) {
             EXPECT_EQ(c.name, "glPixelStorei");
-            EXPECT_EQ(c.args, (std::vector<uint64_t>{r.pname, 77}));
+            EXPECT_EQ(c.args, (std::vector<uint64_t>{r.pname, 8}));
         }
     }
 }
