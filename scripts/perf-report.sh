@@ -36,12 +36,12 @@ say() { echo "== $* ($(date +%T))" >&2; }
 
 if [[ -n "${KAM_PERF_QUICK:-}" ]]; then
   main_frames=60 main_rounds=1
-  sweep_draws=(100 2000 10000) sweep_ratios=(0 1)
+  sweep_draws=(100 2000 10000) sweep_ratios=(0 1) sweep_rounds=1
   glmark_duration=1
   micro_reps=1
 else
   main_frames=200 main_rounds=3
-  sweep_draws=(100 500 2000 5000 10000 20000) sweep_ratios=(0 0.5 1)
+  sweep_draws=(100 500 2000 5000 10000 20000) sweep_ratios=(0 0.5 1) sweep_rounds=2
   glmark_duration=2
   micro_reps=5
 fi
@@ -50,7 +50,7 @@ fi
 sweep_frames() {
   local n=$1
   if (( n <= 100 )); then echo 300; elif (( n <= 500 )); then echo 200; elif (( n <= 2000 )); then echo 100
-  elif (( n <= 5000 )); then echo 50; elif (( n <= 10000 )); then echo 30; else echo 20; fi
+  elif (( n <= 5000 )); then echo 60; elif (( n <= 10000 )); then echo 40; else echo 30; fi
 }
 
 # ------------------------------------------------------------------ machine
@@ -90,7 +90,7 @@ for n in "${sweep_draws[@]}"; do
       # measured by this point's first run.
       work_us=$(awk -v d="$driver_ms" -v r="$r" 'BEGIN { printf "%d", d * r * 1000 + 0.5 }')
     fi
-    if ! "$bench" --draws "$n" --work-us "$work_us" --frames "$frames" --warmup 10 --rounds 1 \
+    if ! "$bench" --draws "$n" --work-us "$work_us" --frames "$frames" --warmup 10 --rounds "$sweep_rounds" \
         --lp-threads "$lp_threads" --kam-run "$kam_run" --csv --no-header >"$tmp/point.csv" 2>"$tmp/point.err"; then
       echo "sweep point draws=$n ratio=$r failed: $(tail -3 "$tmp/point.err")" >&2
     fi
@@ -110,16 +110,16 @@ done
 plot_panels() {  # column title file
   local col=$1 ylabel=$2 out=$3 r first=1
   {
-    echo "set terminal pngcairo size 1500,480 font ',10'"
+    echo "set terminal pngcairo size 1500,480 font ',10' noenhanced"
     echo "set output '$out'"
     echo "set multiplot layout 1,${#sweep_ratios[@]} title '$ylabel vs draws per frame (llvmpipe, LP_NUM_THREADS=$lp_threads)'"
-    echo "set logscale xy; set grid; set key top left; set xlabel 'draws per frame'"
+    echo "set logscale xy; set grid; set key top left; set xlabel 'draws per frame'; set xrange [70:30000]"
     for r in "${sweep_ratios[@]}"; do
       if [[ $first == 1 ]]; then echo "set ylabel '$ylabel'"; first=0; else echo "unset ylabel"; fi
       echo "set title 'app work = $r x direct driver time'"
       echo "plot '$tmp/direct-$r.dat' using 1:$col with linespoints lw 2 title 'direct', \\"
       echo "     '$tmp/kam-$r.dat' using 1:$col with linespoints lw 2 title 'libKAM', \\"
-      echo "     '$tmp/glthread-$r.dat' using 1:$col with linespoints lw 2 title 'mesa\\_glthread'"
+      echo "     '$tmp/glthread-$r.dat' using 1:$col with linespoints lw 2 title 'mesa_glthread'"
     done
     echo "unset multiplot"
   } >"$tmp/plot.gp"
@@ -147,21 +147,27 @@ glmark() {  # output-prefix [kam-run args]; the layer's log goes to its own file
 }
 glmark direct
 glmark kam "$kam_run" --verbose
+# The same with the layer's client vertex-array emulation on (first token of
+# its argument string): without it a draw from client memory is synchronous.
+glmark kamca "$kam_run" --verbose --args 1
 fps_of() {
   sed -n 's/^\[\([^]]*\)\] \(.*\): FPS: \([0-9]*\).*/\1:\2,\3/p' "$1" | sed -E 's/duration=[0-9.]+:?//; s/:,/,/'
 }
 fps_of "$tmp/direct.txt" >"$tmp/direct.fps"
 fps_of "$tmp/kam.txt" >"$tmp/kam.fps"
+fps_of "$tmp/kamca.txt" >"$tmp/kamca.fps"
 # The worker started once (during the 6-second first scene: the meter needs
 # three seconds) and never stopped.
 glmark_offload=no
-if [[ $(grep -c "KAMWorker started -> " "$tmp/kam.log") == 1 ]] && ! grep -q "is stopped" "$tmp/kam.log"; then
+if [[ $(grep -c "KAMWorker started -> " "$tmp/kam.log") == 1 && $(grep -c "KAMWorker started -> " "$tmp/kamca.log") == 1 ]] \
+   && ! grep -q "is stopped" "$tmp/kam.log" "$tmp/kamca.log"; then
   glmark_offload=yes
 fi
+numbered() { tail -n +2 "$1" | nl -s, -w3 -n rz; }
 {
-  echo "scene,direct_fps,kam_fps,kam_over_direct"
-  join -t, <(tail -n +2 "$tmp/direct.fps" | nl -s, -w3 -n rz) <(tail -n +2 "$tmp/kam.fps" | nl -s, -w3 -n rz) \
-    | awk -F, 'BEGIN { OFS = "," } $2 == $4 { printf "%s,%d,%d,%.3f\n", $2, $3, $5, ($3 > 0 ? $5 / $3 : 0) }'
+  echo "scene,direct_fps,kam_fps,kam_over_direct,kam_client_arrays_fps,kam_client_arrays_over_direct"
+  join -t, <(numbered "$tmp/direct.fps") <(numbered "$tmp/kam.fps") | join -t, - <(numbered "$tmp/kamca.fps") \
+    | awk -F, '$2 == $4 && $2 == $6 { d = $3 > 0 ? $3 : 1; printf "%s,%d,%d,%.3f,%d,%.3f\n", $2, $3, $5, $5 / d, $7, $7 / d }'
 } >"$perf/glmark2.csv"
 echo "offload_active_before_scored_scenes=$glmark_offload" >"$perf/glmark2.txt"
 cat "$perf/glmark2.csv" >&2
@@ -318,13 +324,17 @@ def micro_table():
 glm = list(csv.DictReader(open(f"{perf}/glmark2.csv")))
 glm_info = dict(l.strip().split("=", 1) for l in open(f"{perf}/glmark2.txt") if "=" in l)
 def glm_table():
-    rows = ["| scene | direct fps | libKAM fps | libKAM/direct |", "|---|---:|---:|---:|"]
+    rows = ["| scene | direct fps | libKAM fps | libKAM/direct | libKAM `--args 1` fps | libKAM `--args 1`/direct |",
+            "|---|---:|---:|---:|---:|---:|"]
     for r in glm:
-        rows.append(f"| `{r['scene']}` | {r['direct_fps']} | {r['kam_fps']} | {float(r['kam_over_direct']):.2f} |")
+        rows.append(f"| `{r['scene']}` | {r['direct_fps']} | {r['kam_fps']} | {float(r['kam_over_direct']):.2f} | "
+                    f"{r['kam_client_arrays_fps']} | {float(r['kam_client_arrays_over_direct']):.2f} |")
     return "\n".join(rows)
 import math
-ratios_g = [float(r["kam_over_direct"]) for r in glm if float(r["kam_over_direct"]) > 0]
-glm_geo = math.exp(sum(math.log(x) for x in ratios_g) / len(ratios_g)) if ratios_g else float("nan")
+def geomean(key):
+    xs = [float(r[key]) for r in glm if float(r[key]) > 0]
+    return math.exp(sum(math.log(x) for x in xs) / len(xs)) if xs else float("nan")
+glm_geo, glm_geo_ca = geomean("kam_over_direct"), geomean("kam_client_arrays_over_direct")
 
 values = {
     "DATE": machine.get("date", ""), "COMMIT": machine.get("commit", ""), "CPU": machine.get("cpu", ""),
@@ -338,7 +348,7 @@ values = {
     "MAIN1_KAM_DIRECT_CPU": f"{ratio(w1,'kam','direct','app_cpu_ms'):.2f}", "MAIN1_KAM_GLTHREAD_CPU": f"{ratio(w1,'kam','glthread','app_cpu_ms'):.2f}",
     "PIXELS": "identical in every run" if pixels_ok else "**DIFFERENT in at least one run**",
     "SWEEP_TABLE": sweep_table(), "GOALS_TABLE": "\n".join(["| goal | measured | verdict |", "|---|---:|---|"] + goals),
-    "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}",
+    "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}", "GLMARK_GEOMEAN_CA": f"{glm_geo_ca:.2f}",
     "GLMARK_OFFLOAD": glm_info.get("offload_active_before_scored_scenes", "?"),
     "REC_NS": f"{c:.1f}", "HELD_NS": f"{held_ns:.1f}", "CACHED_NS": f"{cached_ns:.1f}",
     "REPLAY_NS": f"{replay_ns:.1f}", "DIRECT_NS": f"{direct_ns:.1f}",
