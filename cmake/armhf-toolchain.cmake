@@ -28,8 +28,17 @@ if(NOT DEFINED ENV{PKG_CONFIG_LIBDIR})
 endif()
 
 # try_run, gtest_discover_tests and ctest start target programs through qemu.
-# -L: the ELF interpreter and libc come from the cross toolchain's tree.
+# With the armhf architecture enabled (the Android libraries), libc6:armhf is
+# installed with its loader at /lib/ld-linux-armhf.so.3 and every armhf
+# library resolves against it: qemu runs without -L. Pointing qemu at the
+# cross toolchain's tree then would load that tree's loader next to the
+# multiarch libc (another build of it) and crash. Without multiarch the cross
+# toolchain's tree is the only armhf libc there is: -L.
 # A caller may give its own (scripts/armhf.sh adds the loader's library path).
 if(NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
-  set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;/usr/${KAM_ARMHF_TRIPLET})
+  if(EXISTS /lib/ld-linux-armhf.so.3)
+    set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
+  else()
+    set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm;-L;/usr/${KAM_ARMHF_TRIPLET})
+  endif()
 endif()

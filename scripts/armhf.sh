@@ -15,7 +15,14 @@ start=$SECONDS
 phase() { echo "armhf: [$((SECONDS - start)) s] $*" >&2; }
 
 phase "dependencies"
-bash "$root/scripts/install-deps.sh"
+# The host's own packages (cmake, the EGL/GLES headers, GoogleTest's
+# sources) first: the main build needs them too, so a failure here is the
+# package infrastructure's, reported as a skip like the armhf group's.
+if ! bash "$root/scripts/install-deps.sh"; then
+  echo "armhf: cannot install dependencies: the host packages (scripts/install-deps.sh) failed, see above" >&2
+  echo "armhf: SKIPPED" >&2
+  exit 77
+fi
 rc=0
 bash "$root/scripts/install-deps.sh" armhf || rc=$?
 if [[ $rc -eq 77 ]]; then

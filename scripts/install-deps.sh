@@ -52,6 +52,13 @@ if [[ ${1:-} == armhf ]]; then
   echo "install-deps: installing ${missing[*]}" >&2
   if ! dpkg --print-foreign-architectures | grep -qx armhf; then
     $SUDO dpkg --add-architecture armhf || skip "dpkg --add-architecture armhf failed (multiarch unavailable)"
+    # Given up, the architecture goes again: its index would otherwise make
+    # every later 'apt-get update' on this machine fail with it.
+    skip() {
+      $SUDO dpkg --remove-architecture armhf 2>/dev/null || true
+      echo "armhf: cannot install dependencies: $*" >&2
+      exit 77
+    }
   fi
   log=$(mktemp)
   # A failed update may still leave usable lists (one inconsistent index
