@@ -9,12 +9,205 @@
 #   scripts/perf-report.sh
 #
 # KAM_PERF_QUICK=1 runs a much shorter version (to check the pipeline; the
-# numbers are then rough). Takes about 15 minutes on a 2-core machine.
+# numbers are then rough); KAM_PERF_DOC_ONLY=1 only regenerates the page
+# from docs/perf/ (after editing the template). Takes about 15 minutes on a
+# 2-core machine.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KAM_BUILD_DIR:-$root/build-perf}
 perf=$root/docs/perf
+say() { echo "== $* ($(date +%T))" >&2; }
 
+# ------------------------------------------------------------------ the document
+# Fills docs/performance.md.in from what docs/perf/ holds.
+make_doc() {
+say "docs/performance.md"
+python3 - "$root/docs/performance.md.in" "$root/docs/performance.md" "$perf" <<'PY'
+import csv, re, sys
+template, out, perf = sys.argv[1:4]
+
+machine = dict(l.rstrip("\n").split("=", 1) for l in open(f"{perf}/machine.txt") if "=" in l)
+
+def results(path):
+    res, text = {}, open(path).read()
+    for line in text.splitlines():
+        if line.startswith("RESULT "):
+            kv = dict(p.split("=", 1) for p in line.split()[1:])
+            res[kv["mode"]] = kv
+    m = re.search(r"kam_frame_bench: (.*)", text)
+    return res, (m.group(1) if m else ""), ("identical" in text)
+
+def f(x, d=2):
+    return f"{float(x):.{d}f}"
+
+def table(res):
+    rows = ["| mode | fps | frame ms (median) | frame ms (p99) | app-thread CPU ms/frame |", "|---|---:|---:|---:|---:|"]
+    names = {"direct": "direct", "kam": "libKAM", "glthread": "mesa_glthread"}
+    for m in ("direct", "kam", "glthread"):
+        if m in res:
+            r = res[m]
+            rows.append(f"| {names[m]} | {f(r['fps'])} | {f(r['frame_ms_median'])} | {f(r['frame_ms_p99'])} | {f(r['app_cpu_ms'], 3)} |")
+    return "\n".join(rows)
+
+def ratio(res, a, b, key):
+    try:
+        return float(res[a][key]) / float(res[b][key])
+    except (KeyError, ZeroDivisionError):
+        return float("nan")
+
+w0, w0_setup, w0_same = results(f"{perf}/frame_bench_work0.txt")
+w1, w1_setup, w1_same = results(f"{perf}/frame_bench_work1.txt")
+
+sweep = list(csv.DictReader(open(f"{perf}/sweep.csv")))
+def point(mode, draws, r):
+    for row in sweep:
+        if row["mode"] == mode and int(row["draws"]) == draws and float(row["work_ratio"]) == r:
+            return row
+    return None
+max_draws = max((int(r["draws"]) for r in sweep), default=0)
+ratios = sorted({float(r["work_ratio"]) for r in sweep})
+def sweep_table():
+    rows = ["| draws | app work ratio | app work us | direct ms | libKAM ms | glthread ms | fps libKAM/direct | fps libKAM/glthread | app CPU ms direct | app CPU ms libKAM | app CPU libKAM/direct | frames |",
+            "|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"]
+    for d in sorted({int(r["draws"]) for r in sweep}):
+        for r in ratios:
+            p = {m: point(m, d, r) for m in ("direct", "kam", "glthread")}
+            if not all(p.values()):
+                rows.append(f"| {d} | {r:g} | | (incomplete) | | | | | | | | |")
+                continue
+            fr = lambda a, b, k: float(p[a][k]) / float(p[b][k]) if float(p[b][k]) else float("nan")
+            rows.append(f"| {d} | {r:g} | {p['direct']['work_us']} | {f(p['direct']['frame_ms_median'])} | {f(p['kam']['frame_ms_median'])} | "
+                        f"{f(p['glthread']['frame_ms_median'])} | {fr('kam','direct','fps'):.2f} | {fr('kam','glthread','fps'):.2f} | "
+                        f"{f(p['direct']['app_cpu_ms'],3)} | {f(p['kam']['app_cpu_ms'],3)} | {fr('kam','direct','app_cpu_ms'):.2f} | {p['direct']['frames']} |")
+    return "\n".join(rows)
+pixels_ok = all(r["pixels_match"] == "1" for r in sweep) and w0_same and w1_same
+
+# Goal (a): app-thread time with the layer <= 40% of direct at the heavy end, no app work.
+a_direct, a_kam = point("direct", max_draws, 0.0), point("kam", max_draws, 0.0)
+a = float(a_kam["app_cpu_ms"]) / float(a_direct["app_cpu_ms"]) if a_direct and a_kam else float("nan")
+# Goal (b): at app work = driver work, fps >= 1.3x direct and >= glthread.
+b_direct, b_glthread = ratio(w1, "kam", "direct", "fps"), ratio(w1, "kam", "glthread", "fps")
+# Goal (c): median recording cost of an argument-only call.
+micro = list(csv.DictReader(open(f"{perf}/micro.csv")))
+mrow = lambda n: next((r for r in micro if r["benchmark"] == n), None)
+c_row = mrow("BM_Record_glUniform1f")
+c = float(c_row["median_cpu_ns"]) if c_row else float("nan")
+
+def proc_table(w0, w1):
+    rows = ["| setting | mode | app-thread CPU ms/frame | whole-process CPU ms/frame | frame ms (median) |", "|---|---|---:|---:|---:|"]
+    for label, res in (("no game logic", w0), ("game logic = driver work", w1)):
+        for m, name in (("direct", "direct"), ("kam", "libKAM"), ("glthread", "mesa_glthread")):
+            if m in res and "proc_cpu_ms" in res[m]:
+                r = res[m]
+                rows.append(f"| {label} | {name} | {f(r['app_cpu_ms'], 3)} | {f(r['proc_cpu_ms'], 3)} | {f(r['frame_ms_median'])} |")
+    return "\n".join(rows)
+
+def verdict(ok):
+    return "**met**" if ok else "**missed**"
+goals = [
+    f"| (a) app-thread time/frame with the layer <= 40% of direct at the draw-heavy end ({max_draws} draws, no app work) | "
+    f"{a*100:.1f}% | {verdict(a <= 0.40)}{'' if a <= 0.40 else f', by {(a-0.40)*100:.1f} points'} |",
+    f"| (b1) fps with the layer >= 1.3x direct, app work = driver work (2000 draws) | x{b_direct:.2f} | "
+    f"{verdict(b_direct >= 1.3)}{'' if b_direct >= 1.3 else f', short by {(1.3-b_direct)/1.3*100:.0f}%'} |",
+    f"| (b2) fps with the layer >= mesa_glthread, same point | x{b_glthread:.2f} | "
+    f"{verdict(b_glthread >= 1.0)}{'' if b_glthread >= 1.0 else f', short by {(1-b_glthread)*100:.0f}%'} |",
+    f"| (c) recording cost of an argument-only call (glUniform1f) <= 10 ns median | {c:.1f} ns | "
+    f"{verdict(c <= 10)}{'' if c <= 10 else f', by {c-10:.1f} ns'} |",
+]
+
+def micro_ns(name, per=1):
+    r = mrow(name)
+    return float(r["median_cpu_ns"]) / per if r else float("nan")
+held_ns = micro_ns("BM_RecordWorkerHeld_glUniform1f", 50000)
+cached_ns = micro_ns("BM_Record_glUniform1f_CachedArena")
+replay_ns = micro_ns("BM_ReplayThroughput/100000/manual_time", 100000)
+direct_ns = micro_ns("BM_DirectOriginCall_glUniform1f")
+
+def micro_table():
+    labels = {
+        "BM_DirectOriginCall_glUniform1f": "the driver entry called directly (fake driver), for scale",
+        "BM_PassThrough_glUniform1f": "wrapper with no offloaded context (pass-through)",
+        "BM_Record_glUniform1f": "record glUniform1f (argument-only call), 100000-call frames",
+        "BM_Record_glUniform1f_CachedArena": "the same, 2000-call frames (arena stays cached)",
+        "BM_Record_glUniformMatrix4fv_64B": "record glUniformMatrix4fv (64-byte copy)",
+        "BM_RecordWorkerHeld_glUniform1f": "record glUniform1f with the worker held, per 50000-call batch",
+        "BM_ReplayThroughput/100000/manual_time": "replay of 100000 glUniform1f on the worker (per batch)",
+        "BM_PostSyncRoundTrip": "synchronous round trip to the worker",
+        "BM_Record_glTexSubImage2D_64KiB": "record glTexSubImage2D, 64 KiB copied",
+        "BM_Record_MappedBufferWrite_4KiB": "map + write 4 KiB + flush + unmap (shadow mapping)",
+        "BM_Record_ClientArrayDrawElements/36": "client-array glDrawElements, 36 indices",
+        "BM_Record_ClientArrayDrawElements/600": "client-array glDrawElements, 600 indices",
+    }
+    rows = ["| benchmark | what | median wall ns | median CPU ns |", "|---|---|---:|---:|"]
+    for r in micro:
+        extra = f" (p50 {r['p50_ns']} ns, p99 {r['p99_ns']} ns)" if r["p50_ns"] else ""
+        rows.append(f"| `{r['benchmark']}` | {labels.get(r['benchmark'], '')}{extra} | {float(r['median_real_ns']):.1f} | {float(r['median_cpu_ns']):.1f} |")
+    return "\n".join(rows)
+
+glm = list(csv.DictReader(open(f"{perf}/glmark2.csv")))
+glm_info = dict(l.strip().split("=", 1) for l in open(f"{perf}/glmark2.txt") if "=" in l)
+def glm_table():
+    rows = ["| scene | direct fps | libKAM fps | libKAM/direct | libKAM `--args 1` fps | libKAM `--args 1`/direct |",
+            "|---|---:|---:|---:|---:|---:|"]
+    for r in glm:
+        rows.append(f"| `{r['scene']}` | {r['direct_fps']} | {r['kam_fps']} | {float(r['kam_over_direct']):.2f} | "
+                    f"{r['kam_client_arrays_fps']} | {float(r['kam_client_arrays_over_direct']):.2f} |")
+    return "\n".join(rows)
+import math
+def geomean(key):
+    xs = [float(r[key]) for r in glm if float(r[key]) > 0]
+    return math.exp(sum(math.log(x) for x in xs) / len(xs)) if xs else float("nan")
+glm_geo, glm_geo_ca = geomean("kam_over_direct"), geomean("kam_client_arrays_over_direct")
+
+values = {
+    "DATE": machine.get("date", ""), "COMMIT": machine.get("commit", ""), "CPU": machine.get("cpu", ""),
+    "CPUS": machine.get("cpus", ""), "MEMORY": machine.get("memory", ""), "KERNEL": machine.get("kernel", ""),
+    "DRIVER": machine.get("driver", "").replace(" | ", ", "), "LP_THREADS": machine.get("lp_threads", ""),
+    "LOAD_BEFORE": machine.get("load_before", ""), "LOAD_AFTER": machine.get("load_after", ""),
+    "MAIN0_SETUP": w0_setup, "MAIN0_TABLE": table(w0), "MAIN1_SETUP": w1_setup, "MAIN1_TABLE": table(w1),
+    "MAIN0_KAM_DIRECT_FPS": f"{ratio(w0,'kam','direct','fps'):.2f}", "MAIN0_KAM_GLTHREAD_FPS": f"{ratio(w0,'kam','glthread','fps'):.2f}",
+    "MAIN0_KAM_DIRECT_CPU": f"{ratio(w0,'kam','direct','app_cpu_ms'):.2f}", "MAIN0_KAM_GLTHREAD_CPU": f"{ratio(w0,'kam','glthread','app_cpu_ms'):.2f}",
+    "MAIN1_KAM_DIRECT_FPS": f"{b_direct:.2f}", "MAIN1_KAM_GLTHREAD_FPS": f"{b_glthread:.2f}",
+    "MAIN1_KAM_DIRECT_CPU": f"{ratio(w1,'kam','direct','app_cpu_ms'):.2f}", "MAIN1_KAM_GLTHREAD_CPU": f"{ratio(w1,'kam','glthread','app_cpu_ms'):.2f}",
+    "PIXELS": "identical in every run" if pixels_ok else "**DIFFERENT in at least one run**",
+    "SWEEP_TABLE": sweep_table(), "GOALS_TABLE": "\n".join(["| goal | measured | verdict |", "|---|---:|---|"] + goals),
+    "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}", "GLMARK_GEOMEAN_CA": f"{glm_geo_ca:.2f}",
+    "GLMARK_OFFLOAD": glm_info.get("offload_active_before_scored_scenes", "?"),
+    "REC_NS": f"{c:.1f}", "HELD_NS": f"{held_ns:.1f}", "CACHED_NS": f"{cached_ns:.1f}",
+    "REPLAY_NS": f"{replay_ns:.1f}", "DIRECT_NS": f"{direct_ns:.1f}",
+    "PROC_TABLE": proc_table(w0, w1),
+    "RT_P50_US": (f"{float(mrow('BM_PostSyncRoundTrip')['p50_ns']) / 1000:.1f}"
+                  if mrow("BM_PostSyncRoundTrip") and mrow("BM_PostSyncRoundTrip")["p50_ns"] else "?"),
+}
+def load(s):
+    try:
+        return float(s.split()[0])
+    except (IndexError, ValueError):
+        return 0.0
+busy = max(load(machine.get("load_before", "")), load(machine.get("load_after", "")))
+values["NOISE_NOTE"] = (
+    f"**The machine was busy during this run** (one-minute load average up to {busy:.1f} on "
+    f"{machine.get('cpus', '?')} CPUs, from other work running beside the report): the figures are noisy and the "
+    "ratios between modes are the more trustworthy part; re-run the report on a quiet machine for final numbers."
+    if busy > 0.5 * float(machine.get("cpus", "1") or 1) else
+    "The machine was otherwise idle during this run (see the load averages above).")
+text = open(template).read()
+def sub(m):
+    key = m.group(1)
+    if key not in values:
+        raise SystemExit(f"performance.md.in: unknown placeholder @{key}@")
+    return values[key]
+text = re.sub(r"@([A-Z0-9_]+)@", sub, text)
+open(out, "w").write(text)
+print("\n".join(goals))
+PY
+say "done: docs/performance.md, docs/perf/"
+}
+
+if [[ -n "${KAM_PERF_DOC_ONLY:-}" ]]; then
+  make_doc
+  exit 0
+fi
 if [[ -z "${KAM_SKIP_BUILD:-}" ]]; then
   bash "$root/scripts/install-deps.sh"
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
@@ -32,7 +225,6 @@ lp_threads=$(nproc)
 mkdir -p "$perf"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-say() { echo "== $* ($(date +%T))" >&2; }
 
 if [[ -n "${KAM_PERF_QUICK:-}" ]]; then
   main_frames=60 main_rounds=1
@@ -196,186 +388,4 @@ with open(sys.argv[2], "w") as f:
         f.write(f"{name},{real:.2f},{cpu:.2f},{p50},{p99}\n")
 PY
 echo "load_after=$(cut -d' ' -f1-3 /proc/loadavg)" >>"$perf/machine.txt"
-
-# ------------------------------------------------------------------ the document
-say "docs/performance.md"
-python3 - "$root/docs/performance.md.in" "$root/docs/performance.md" "$perf" <<'PY'
-import csv, re, sys
-template, out, perf = sys.argv[1:4]
-
-machine = dict(l.rstrip("\n").split("=", 1) for l in open(f"{perf}/machine.txt") if "=" in l)
-
-def results(path):
-    res, text = {}, open(path).read()
-    for line in text.splitlines():
-        if line.startswith("RESULT "):
-            kv = dict(p.split("=", 1) for p in line.split()[1:])
-            res[kv["mode"]] = kv
-    m = re.search(r"kam_frame_bench: (.*)", text)
-    return res, (m.group(1) if m else ""), ("identical" in text)
-
-def f(x, d=2):
-    return f"{float(x):.{d}f}"
-
-def table(res):
-    rows = ["| mode | fps | frame ms (median) | frame ms (p99) | app-thread CPU ms/frame |", "|---|---:|---:|---:|---:|"]
-    names = {"direct": "direct", "kam": "libKAM", "glthread": "mesa_glthread"}
-    for m in ("direct", "kam", "glthread"):
-        if m in res:
-            r = res[m]
-            rows.append(f"| {names[m]} | {f(r['fps'])} | {f(r['frame_ms_median'])} | {f(r['frame_ms_p99'])} | {f(r['app_cpu_ms'], 3)} |")
-    return "\n".join(rows)
-
-def ratio(res, a, b, key):
-    try:
-        return float(res[a][key]) / float(res[b][key])
-    except (KeyError, ZeroDivisionError):
-        return float("nan")
-
-w0, w0_setup, w0_same = results(f"{perf}/frame_bench_work0.txt")
-w1, w1_setup, w1_same = results(f"{perf}/frame_bench_work1.txt")
-
-sweep = list(csv.DictReader(open(f"{perf}/sweep.csv")))
-def point(mode, draws, r):
-    for row in sweep:
-        if row["mode"] == mode and int(row["draws"]) == draws and float(row["work_ratio"]) == r:
-            return row
-    return None
-max_draws = max((int(r["draws"]) for r in sweep), default=0)
-ratios = sorted({float(r["work_ratio"]) for r in sweep})
-def sweep_table():
-    rows = ["| draws | app work ratio | app work us | direct ms | libKAM ms | glthread ms | fps libKAM/direct | fps libKAM/glthread | app CPU ms direct | app CPU ms libKAM | app CPU libKAM/direct | frames |",
-            "|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"]
-    for d in sorted({int(r["draws"]) for r in sweep}):
-        for r in ratios:
-            p = {m: point(m, d, r) for m in ("direct", "kam", "glthread")}
-            if not all(p.values()):
-                rows.append(f"| {d} | {r:g} | | (incomplete) | | | | | | | | |")
-                continue
-            fr = lambda a, b, k: float(p[a][k]) / float(p[b][k]) if float(p[b][k]) else float("nan")
-            rows.append(f"| {d} | {r:g} | {p['direct']['work_us']} | {f(p['direct']['frame_ms_median'])} | {f(p['kam']['frame_ms_median'])} | "
-                        f"{f(p['glthread']['frame_ms_median'])} | {fr('kam','direct','fps'):.2f} | {fr('kam','glthread','fps'):.2f} | "
-                        f"{f(p['direct']['app_cpu_ms'],3)} | {f(p['kam']['app_cpu_ms'],3)} | {fr('kam','direct','app_cpu_ms'):.2f} | {p['direct']['frames']} |")
-    return "\n".join(rows)
-pixels_ok = all(r["pixels_match"] == "1" for r in sweep) and w0_same and w1_same
-
-# Goal (a): app-thread time with the layer <= 40% of direct at the heavy end, no app work.
-a_direct, a_kam = point("direct", max_draws, 0.0), point("kam", max_draws, 0.0)
-a = float(a_kam["app_cpu_ms"]) / float(a_direct["app_cpu_ms"]) if a_direct and a_kam else float("nan")
-# Goal (b): at app work = driver work, fps >= 1.3x direct and >= glthread.
-b_direct, b_glthread = ratio(w1, "kam", "direct", "fps"), ratio(w1, "kam", "glthread", "fps")
-# Goal (c): median recording cost of an argument-only call.
-micro = list(csv.DictReader(open(f"{perf}/micro.csv")))
-mrow = lambda n: next((r for r in micro if r["benchmark"] == n), None)
-c_row = mrow("BM_Record_glUniform1f")
-c = float(c_row["median_cpu_ns"]) if c_row else float("nan")
-
-def proc_table(w0, w1):
-    rows = ["| setting | mode | app-thread CPU ms/frame | whole-process CPU ms/frame | frame ms (median) |", "|---|---|---:|---:|---:|"]
-    for label, res in (("no game logic", w0), ("game logic = driver work", w1)):
-        for m, name in (("direct", "direct"), ("kam", "libKAM"), ("glthread", "mesa_glthread")):
-            if m in res and "proc_cpu_ms" in res[m]:
-                r = res[m]
-                rows.append(f"| {label} | {name} | {f(r['app_cpu_ms'], 3)} | {f(r['proc_cpu_ms'], 3)} | {f(r['frame_ms_median'])} |")
-    return "\n".join(rows)
-
-def verdict(ok):
-    return "**met**" if ok else "**missed**"
-goals = [
-    f"| (a) app-thread time/frame with the layer <= 40% of direct at the draw-heavy end ({max_draws} draws, no app work) | "
-    f"{a*100:.1f}% | {verdict(a <= 0.40)}{'' if a <= 0.40 else f', by {(a-0.40)*100:.1f} points'} |",
-    f"| (b1) fps with the layer >= 1.3x direct, app work = driver work (2000 draws) | x{b_direct:.2f} | "
-    f"{verdict(b_direct >= 1.3)}{'' if b_direct >= 1.3 else f', short by {(1.3-b_direct)/1.3*100:.0f}%'} |",
-    f"| (b2) fps with the layer >= mesa_glthread, same point | x{b_glthread:.2f} | "
-    f"{verdict(b_glthread >= 1.0)}{'' if b_glthread >= 1.0 else f', short by {(1-b_glthread)*100:.0f}%'} |",
-    f"| (c) recording cost of an argument-only call (glUniform1f) <= 10 ns median | {c:.1f} ns | "
-    f"{verdict(c <= 10)}{'' if c <= 10 else f', by {c-10:.1f} ns'} |",
-]
-
-def micro_ns(name, per=1):
-    r = mrow(name)
-    return float(r["median_cpu_ns"]) / per if r else float("nan")
-held_ns = micro_ns("BM_RecordWorkerHeld_glUniform1f", 50000)
-cached_ns = micro_ns("BM_Record_glUniform1f_CachedArena")
-replay_ns = micro_ns("BM_ReplayThroughput/100000/manual_time", 100000)
-direct_ns = micro_ns("BM_DirectOriginCall_glUniform1f")
-
-def micro_table():
-    labels = {
-        "BM_DirectOriginCall_glUniform1f": "the driver entry called directly (fake driver), for scale",
-        "BM_PassThrough_glUniform1f": "wrapper with no offloaded context (pass-through)",
-        "BM_Record_glUniform1f": "record glUniform1f (argument-only call), 100000-call frames",
-        "BM_Record_glUniform1f_CachedArena": "the same, 2000-call frames (arena stays cached)",
-        "BM_Record_glUniformMatrix4fv_64B": "record glUniformMatrix4fv (64-byte copy)",
-        "BM_RecordWorkerHeld_glUniform1f": "record glUniform1f with the worker held, per 50000-call batch",
-        "BM_ReplayThroughput/100000/manual_time": "replay of 100000 glUniform1f on the worker (per batch)",
-        "BM_PostSyncRoundTrip": "synchronous round trip to the worker",
-        "BM_Record_glTexSubImage2D_64KiB": "record glTexSubImage2D, 64 KiB copied",
-        "BM_Record_MappedBufferWrite_4KiB": "map + write 4 KiB + flush + unmap (shadow mapping)",
-        "BM_Record_ClientArrayDrawElements/36": "client-array glDrawElements, 36 indices",
-        "BM_Record_ClientArrayDrawElements/600": "client-array glDrawElements, 600 indices",
-    }
-    rows = ["| benchmark | what | median wall ns | median CPU ns |", "|---|---|---:|---:|"]
-    for r in micro:
-        extra = f" (p50 {r['p50_ns']} ns, p99 {r['p99_ns']} ns)" if r["p50_ns"] else ""
-        rows.append(f"| `{r['benchmark']}` | {labels.get(r['benchmark'], '')}{extra} | {float(r['median_real_ns']):.1f} | {float(r['median_cpu_ns']):.1f} |")
-    return "\n".join(rows)
-
-glm = list(csv.DictReader(open(f"{perf}/glmark2.csv")))
-glm_info = dict(l.strip().split("=", 1) for l in open(f"{perf}/glmark2.txt") if "=" in l)
-def glm_table():
-    rows = ["| scene | direct fps | libKAM fps | libKAM/direct | libKAM `--args 1` fps | libKAM `--args 1`/direct |",
-            "|---|---:|---:|---:|---:|---:|"]
-    for r in glm:
-        rows.append(f"| `{r['scene']}` | {r['direct_fps']} | {r['kam_fps']} | {float(r['kam_over_direct']):.2f} | "
-                    f"{r['kam_client_arrays_fps']} | {float(r['kam_client_arrays_over_direct']):.2f} |")
-    return "\n".join(rows)
-import math
-def geomean(key):
-    xs = [float(r[key]) for r in glm if float(r[key]) > 0]
-    return math.exp(sum(math.log(x) for x in xs) / len(xs)) if xs else float("nan")
-glm_geo, glm_geo_ca = geomean("kam_over_direct"), geomean("kam_client_arrays_over_direct")
-
-values = {
-    "DATE": machine.get("date", ""), "COMMIT": machine.get("commit", ""), "CPU": machine.get("cpu", ""),
-    "CPUS": machine.get("cpus", ""), "MEMORY": machine.get("memory", ""), "KERNEL": machine.get("kernel", ""),
-    "DRIVER": machine.get("driver", ""), "LP_THREADS": machine.get("lp_threads", ""),
-    "LOAD_BEFORE": machine.get("load_before", ""), "LOAD_AFTER": machine.get("load_after", ""),
-    "MAIN0_SETUP": w0_setup, "MAIN0_TABLE": table(w0), "MAIN1_SETUP": w1_setup, "MAIN1_TABLE": table(w1),
-    "MAIN0_KAM_DIRECT_FPS": f"{ratio(w0,'kam','direct','fps'):.2f}", "MAIN0_KAM_GLTHREAD_FPS": f"{ratio(w0,'kam','glthread','fps'):.2f}",
-    "MAIN0_KAM_DIRECT_CPU": f"{ratio(w0,'kam','direct','app_cpu_ms'):.2f}", "MAIN0_KAM_GLTHREAD_CPU": f"{ratio(w0,'kam','glthread','app_cpu_ms'):.2f}",
-    "MAIN1_KAM_DIRECT_FPS": f"{b_direct:.2f}", "MAIN1_KAM_GLTHREAD_FPS": f"{b_glthread:.2f}",
-    "MAIN1_KAM_DIRECT_CPU": f"{ratio(w1,'kam','direct','app_cpu_ms'):.2f}", "MAIN1_KAM_GLTHREAD_CPU": f"{ratio(w1,'kam','glthread','app_cpu_ms'):.2f}",
-    "PIXELS": "identical in every run" if pixels_ok else "**DIFFERENT in at least one run**",
-    "SWEEP_TABLE": sweep_table(), "GOALS_TABLE": "\n".join(["| goal | measured | verdict |", "|---|---:|---|"] + goals),
-    "MICRO_TABLE": micro_table(), "GLMARK_TABLE": glm_table(), "GLMARK_GEOMEAN": f"{glm_geo:.2f}", "GLMARK_GEOMEAN_CA": f"{glm_geo_ca:.2f}",
-    "GLMARK_OFFLOAD": glm_info.get("offload_active_before_scored_scenes", "?"),
-    "REC_NS": f"{c:.1f}", "HELD_NS": f"{held_ns:.1f}", "CACHED_NS": f"{cached_ns:.1f}",
-    "REPLAY_NS": f"{replay_ns:.1f}", "DIRECT_NS": f"{direct_ns:.1f}",
-    "PROC_TABLE": proc_table(w0, w1),
-    "RT_P50_US": (f"{float(mrow('BM_PostSyncRoundTrip')['p50_ns']) / 1000:.1f}"
-                  if mrow("BM_PostSyncRoundTrip") and mrow("BM_PostSyncRoundTrip")["p50_ns"] else "?"),
-}
-def load(s):
-    try:
-        return float(s.split()[0])
-    except (IndexError, ValueError):
-        return 0.0
-busy = max(load(machine.get("load_before", "")), load(machine.get("load_after", "")))
-values["NOISE_NOTE"] = (
-    f"**The machine was busy during this run** (one-minute load average up to {busy:.1f} on "
-    f"{machine.get('cpus', '?')} CPUs, from other work running beside the report): the figures are noisy and the "
-    "ratios between modes are the more trustworthy part; re-run the report on a quiet machine for final numbers."
-    if busy > 0.5 * float(machine.get("cpus", "1") or 1) else
-    "The machine was otherwise idle during this run (see the load averages above).")
-text = open(template).read()
-def sub(m):
-    key = m.group(1)
-    if key not in values:
-        raise SystemExit(f"performance.md.in: unknown placeholder @{key}@")
-    return values[key]
-text = re.sub(r"@([A-Z0-9_]+)@", sub, text)
-open(out, "w").write(text)
-print("\n".join(goals))
-PY
-say "done: docs/performance.md, docs/perf/"
+make_doc
