@@ -2,6 +2,7 @@
 // maps return at once with shadow memory, uploads copy their data, and the
 // worker moves the written bytes into the real mapping.
 
+#include <climits>
 #include <cstring>
 
 #include "kam_bridges.h"
@@ -45,7 +46,8 @@ KAM_EXPORT void kam_glDeleteBuffers_opt(GLsizei n, const GLuint* buffers) {
     if (kamIsClientMemory(buffers)) c->mBindings.deleteBuffers(n, buffers);
     if (activeContext() == nullptr) return KAM_GL(glDeleteBuffers)(n, buffers);
     void* copy = nullptr;
-    if (n >= 1 && kamIsClientMemory(buffers))
+    // The bound keeps n * 4 from wrapping where size_t is 32 bits.
+    if (n >= 1 && n <= INT_MAX / 4 && kamIsClientMemory(buffers))
         copy = c->mMemory.malloc(static_cast<size_t>(n) * sizeof(GLuint), buffers);
     if (copy == nullptr) {
         c->mWorker->postSync([&] { KAM_GL(glDeleteBuffers)(n, buffers); }, "kam_glDeleteBuffers_opt");

@@ -21,6 +21,8 @@ inline bool kamIsClientMemory(const void* p) { return reinterpret_cast<uintptr_t
 // wakes the worker at once.
 template <class B, class... A>
 inline void kamRecordPost(KAMContext* c, bool sync, A... args) {
+    static_assert(alignof(B) <= KAMMemory::kAlignment && alignof(WorkItem) <= KAMMemory::kAlignment,
+                  "the frame arena cannot place this command");
     void* itemMemory = c->mMemory.malloc(sizeof(WorkItem), nullptr);
     void* cmdMemory = c->mMemory.malloc(sizeof(B), nullptr);
     WorkItem* item = new (itemMemory) WorkItem(new (cmdMemory) B(args...));

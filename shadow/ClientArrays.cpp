@@ -79,7 +79,10 @@ void applyAttribs(const char*, GLsizei count, GLenum type, const void* indices) 
         const bool packed = a->type == GL_UNSIGNED_INT_2_10_10_10_REV || a->type == GL_INT_2_10_10_10_REV;
         const size_t elemSize =
             packed ? 4 : static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
-        const size_t total = elemSize * vertices;
+        // Where size_t is 32 bits the product can wrap to a few bytes, which
+        // the strided copy below would overrun: no copy then (size 0).
+        size_t total;
+        if (__builtin_mul_overflow(elemSize, vertices, &total)) total = 0;
         const void* pointer = a->pointer;
         uint8_t* copy = static_cast<uint8_t*>(c->mMemory.malloc(total, nullptr));
         if (copy != nullptr) {
@@ -112,7 +115,9 @@ bool copyIndices(KAMContext* c, const char* label, GLsizei count, GLenum type, c
     // error there, and nothing here may read on its behalf.
     const int indexBytes = type == GL_UNSIGNED_BYTE ? 1 : type == GL_UNSIGNED_SHORT ? 2 : type == GL_UNSIGNED_INT ? 4 : 0;
     const long long bytes = static_cast<long long>(indexBytes) * count;
-    const void* copy = bytes >= 1 ? c->mMemory.malloc(static_cast<size_t>(bytes), indices) : nullptr;
+    size_t size;  // no copy where the size does not fit size_t (32-bit targets)
+    const void* copy =
+        bytes >= 1 && !__builtin_add_overflow(bytes, 0, &size) ? c->mMemory.malloc(size, indices) : nullptr;
     if (copy == nullptr) {
         c->mWorker->postSync(sync, label);
         return false;

@@ -16,6 +16,7 @@
 #include <type_traits>
 
 #include "kam_bridges.h"
+#include "kam_wrappers.h"
 #include "recording/Record.h"
 #include "support.h"
 #include "transport/KAMMemory.h"
@@ -24,13 +25,10 @@ using namespace android;
 
 namespace {
 
-// KAMMemory::malloc rounds every request up to this, in the block and in the
-// separate blocks alike.
-constexpr size_t kArenaAlign = 8;
+constexpr size_t kArenaAlign = KAMMemory::kAlignment;
 
 static_assert(alignof(GLuint64) == 8 && alignof(GLint64EXT) == 8 && alignof(GLdouble) == 8,
               "64-bit GL values are 8-aligned members on every target the layer is built for");
-static_assert(alignof(WorkItem) <= kArenaAlign);
 
 // A distinct value per argument whose two 32-bit halves both carry bits, so a
 // lost or swapped high word shows.
@@ -52,8 +50,6 @@ struct Row;
 
 template <class B, class R, class... A>
 struct Row<B, R (*)(A...)> {
-    static_assert(alignof(B) <= kArenaAlign, "the arena cannot place this command class");
-
     static void check(support::ActiveContext& ctx) {
         KAMMemory& mem = ctx.get()->mMemory;
         KAMMemory unprepared;  // every request goes to a separate block
@@ -117,3 +113,35 @@ TEST(CommandLayoutTest, SixtyFourBitMembersAreArenaAlignedAndReplayExactly) {
 }
 
 }  // namespace
+
+// Where size_t is 32 bits, a client copy sized from a huge index or count
+// wraps to a few bytes. The copy must be given up (the driver gets the
+// application's pointer, as without the layer) rather than sized by the
+// wrapped value or overrun by the strided vertex copy. Such sizes do not
+// wrap on 64-bit targets.
+TEST(ThirtyTwoBitSizeTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
+    if (sizeof(size_t) > 4) GTEST_SKIP() << "64-bit size_t: these copy sizes cannot wrap";
+    support::ActiveContext ctx;
+    fake::reset();
+    const uint8_t vertices[16] = {};
+    const GLuint indices[] = {0, 0x55555555u};  // 0x55555556 vertices of 3 bytes: 2 bytes wrapped
+    ctx.get()->mClientArrays = true;
+    kam_glVertexAttribPointer_opt(0, 3, GL_UNSIGNED_BYTE, GL_FALSE, 4, vertices);
+    kam_glDrawElements_opt(GL_POINTS, 2, GL_UNSIGNED_INT, indices);
+    // 0x40000001 indices of 4 bytes: 4 bytes wrapped. No vertex copy, which
+    // would read them all first.
+    ctx.get()->mClientArrays = false;
+    kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices);
+    ctx.drain();
+    const std::vector<fake::Call> calls = fake::calls();
+    int attribs = 0;
+    for (const fake::Call& c : calls) {
+        if (c.name != "glVertexAttribPointer") continue;
+        ++attribs;
+        EXPECT_EQ(c.args[5], fake::bits(vertices));
+    }
+    EXPECT_EQ(attribs, 2);  // the application's call and the draw's
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(calls.back().name, "glDrawElements");
+    EXPECT_EQ(calls.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
+}

@@ -16,7 +16,7 @@ KAMMemory::~KAMMemory() {
 
 bool KAMMemory::prepare() {
     if (mBase) return true;
-    void* block = memalign(8, kBlockSize);
+    void* block = memalign(kAlignment, kBlockSize);
     if (!block) return false;
     // Touch every page now so the first offloaded frames do not page-fault.
     memset(block, 0, kBlockSize);
@@ -27,7 +27,7 @@ bool KAMMemory::prepare() {
 }
 
 void* KAMMemory::overflow(size_t size, const void* src) {
-    void* p = memalign(8, size);
+    void* p = memalign(kAlignment, size);
     if (!p) return nullptr;
     mLargeBlocks.push_back(p);
     if (src) memcpy(p, src, size);

@@ -16,6 +16,10 @@ public:
     static constexpr size_t kBlockSize = 0x2000000;      // 32 MiB
     static constexpr size_t kLargeRequest = 0x40000;     // 256 KiB
     static constexpr intptr_t kLargeFrameLimit = 0x1000000;  // 16 MiB
+    // Every block starts on this boundary, in the arena and in the separate
+    // blocks alike: enough for the 64-bit members of command classes, which
+    // 32-bit ARM loads with ldrd/vldr (8-aligned) and places at offset 8.
+    static constexpr size_t kAlignment = 8;
 
     KAMMemory() = default;
     ~KAMMemory();
@@ -41,7 +45,7 @@ private:
 inline void* KAMMemory::malloc(size_t size, const void* src) {
     if (size == 0) return nullptr;
     if (size >= kLargeRequest && (mCursor - mFrameStart) > kLargeFrameLimit) return overflow(size, src);
-    uintptr_t rounded = (reinterpret_cast<uintptr_t>(mCursor) + 7u) & ~uintptr_t(7);
+    uintptr_t rounded = (reinterpret_cast<uintptr_t>(mCursor) + (kAlignment - 1)) & ~uintptr_t(kAlignment - 1);
     mCursor = reinterpret_cast<uint8_t*>(rounded);
     // Unsigned compare written as a subtraction so that a huge size cannot wrap
     // the end pointer around.
