@@ -88,9 +88,10 @@ echo "install-deps: installing ${missing[*]}" >&2
 SUDO=""
 if [[ $(id -u) -ne 0 ]]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
+# With the armhf architecture enabled (install-deps.sh armhf) its index alone
+# can fail the update while the host's lists are fresh: the install decides.
 if ! $SUDO apt-get -o DPkg::Lock::Timeout=600 update -qq; then
-  echo "install-deps: 'apt-get update' failed; the package lists above cannot be fetched" >&2
-  exit 1
+  echo "install-deps: 'apt-get update' failed (see above); trying the install with the lists there are" >&2
 fi
 if ! $SUDO apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${missing[@]}" >/dev/null; then
   echo "install-deps: could not install: ${missing[*]}" >&2
