@@ -184,10 +184,13 @@ def load(s):
         return float(s.split()[0])
     except (IndexError, ValueError):
         return 0.0
-busy = max(load(machine.get("load_before", "")), load(machine.get("load_after", "")))
+# The load after the runs includes the benchmarks themselves (they keep
+# both cores busy); only the load before them says whether anything else
+# was running.
+busy = load(machine.get("load_before", ""))
 values["NOISE_NOTE"] = (
-    f"**The machine was busy during this run** (one-minute load average up to {busy:.1f} on "
-    f"{machine.get('cpus', '?')} CPUs, from other work running beside the report): the figures are noisy and the "
+    f"**The machine was busy during this run** (one-minute load average {busy:.1f} on "
+    f"{machine.get('cpus', '?')} CPUs when the runs started): the figures are noisy and the "
     "ratios between modes are the more trustworthy part; re-run the report on a quiet machine for final numbers."
     if busy > 0.5 * float(machine.get("cpus", "1") or 1) else
     "The machine was otherwise idle during this run (see the load averages above).")
