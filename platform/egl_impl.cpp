@@ -523,9 +523,14 @@ KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface
     // lets go of it here, first: the worker keeps that context current, and
     // the thread's own make-current must then run on the thread itself, not
     // be handed to the worker by the layer's table entry.
+    // The worker's queue is drained first: it may still hold the frame's
+    // swap, and the application is free to destroy the surface and its
+    // window as soon as this returns.
     android::KAMContext* offloaded = android::activeContext();
-    if (offloaded && offloaded->mEglContext != record && (ctx == EGL_NO_CONTEXT || record))
+    if (offloaded && offloaded->mEglContext != record && (ctx == EGL_NO_CONTEXT || record)) {
+        offloaded->mWorker->postSync([] {}, "eglMakeCurrent");
         KAMManager::INSTANCE->makeCurrentPost(nullptr);
+    }
     EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
     return ok;
