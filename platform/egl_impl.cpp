@@ -586,6 +586,14 @@ KAM_PUBLIC void kam_platform_update_mtr(int flags) {
     KAMManager::INSTANCE->updateMTR(flags);
 }
 
+// Called by the preloaded X window guard just before a window is destroyed.
+// Only the offloading thread may post to its worker, and that is the thread
+// that owns the window in every program this serves; others pass.
+KAM_PUBLIC void kam_platform_native_window_destroyed(unsigned long) {
+    android::KAMContext* c = android::activeContext();
+    if (c != nullptr && c->mWorker != nullptr) c->mWorker->postSync([] {}, "XDestroyWindow");
+}
+
 KAM_PUBLIC void kam_platform_record_counts(int* contexts, int* surfaces) {
     std::lock_guard<std::mutex> guard(gLock);
     if (contexts) *contexts = gContextRecords;

@@ -25,6 +25,7 @@ KAM_PUBLIC void kam_platform_update_mtr(int flags);
 // For test programs: how many context and surface records exist (including
 // the layer's own placeholders, destroyed ones still bound to a thread), and
 // whether the calling thread's GL calls are currently offloaded.
+KAM_PUBLIC void kam_platform_native_window_destroyed(unsigned long window);
 KAM_PUBLIC void kam_platform_record_counts(int* contexts, int* surfaces);
 KAM_PUBLIC int kam_platform_thread_offloaded(void);
 }
