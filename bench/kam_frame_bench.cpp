@@ -91,15 +91,6 @@ void usage(FILE *out) {
                  "  --no-header        with --csv, no header row\n");
 }
 
-bool parse_long(const char *s, long min, long max, long *out) {
-    if (!s || !*s) return false;
-    errno = 0;
-    char *end = nullptr;
-    long v = std::strtol(s, &end, 10);
-    if (errno != 0 || *end != '\0' || v < min || v > max) return false;
-    *out = v;
-    return true;
-}
 
 bool parse_double(const char *s, double min, double max, double *out) {
     if (!s || !*s) return false;
@@ -192,11 +183,6 @@ int parse_args(int argc, char **argv, Options *o) {
     return 0;
 }
 
-double clock_seconds(clockid_t id) {
-    timespec ts{};
-    clock_gettime(id, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
 
 // ---------------------------------------------------------------------------
 // Game logic: a deterministic loop whose result goes to a volatile sink and

@@ -314,4 +314,20 @@ void teardown_platform(Platform *p) {
     p->xdpy = nullptr;
 }
 
+bool parse_long(const char *s, long min, long max, long *out) {
+    if (!s || !*s) return false;
+    errno = 0;
+    char *end = nullptr;
+    long v = std::strtol(s, &end, 10);
+    if (errno != 0 || *end != '\0' || v < min || v > max) return false;
+    *out = v;
+    return true;
+}
+
+double clock_seconds(clockid_t id) {
+    timespec ts{};
+    clock_gettime(id, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
 }  // namespace glesapp

@@ -9,6 +9,7 @@
 #include <X11/Xlib.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -43,5 +44,10 @@ GLuint link_program(const char *vs_src, const char *fs_src, const char *name);
 
 // Writes a glReadPixels image (rows bottom-up) as an upright RGBA PNG.
 bool write_png(const std::string &path, int w, int h, const std::vector<uint8_t> &rgba_bottom_up);
+
+// A whole decimal number in [min, max]; false (out untouched) otherwise.
+bool parse_long(const char *s, long min, long max, long *out);
+// clock_gettime(id) in seconds.
+double clock_seconds(clockid_t id);
 
 }  // namespace glesapp

@@ -55,17 +55,6 @@ void usage(FILE *out) {
                  "  --help            show this text\n");
 }
 
-bool parse_long(const char *s, long min, long max, long *out) {
-    if (!s || !*s)
-        return false;
-    errno = 0;
-    char *end = nullptr;
-    long v = std::strtol(s, &end, 10);
-    if (errno != 0 || *end != '\0' || v < min || v > max)
-        return false;
-    *out = v;
-    return true;
-}
 
 bool parse_size(const char *s, int *w, int *h) {
     const char *x = std::strchr(s, 'x');
@@ -147,11 +136,6 @@ int parse_args(int argc, char **argv, Options *o) {
     return 0;
 }
 
-double clock_seconds(clockid_t id) {
-    timespec ts{};
-    clock_gettime(id, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
 
 // ---------------------------------------------------------------------------
 // Simulated game logic. The result is written to a volatile sink so the
