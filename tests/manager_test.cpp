@@ -388,6 +388,54 @@ TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
     });
 }
 
+TEST_F(ManagerTest, ContextsMeasuredSideBySideGetOneWorker) {
+    App first, second;
+    for (App* a : {&first, &second}) {
+        onThread("app-render", [&] {
+            manager->makeCurrentPre(a->handle(), &a->draw);
+            manager->makeCurrentPost(nullptr);
+        });
+        ASSERT_NE(a->kam(), nullptr);
+    }
+    for (App* a : {&first, &second}) {
+        onThread("app-render", [&] {
+            manager->makeCurrentPre(a->handle(), &a->draw);
+            framesUntilWorker();
+            manager->makeCurrentPost(nullptr);
+        });
+    }
+    EXPECT_NE(first.kam()->mWorker, nullptr);
+    EXPECT_EQ(second.kam()->mWorker, nullptr);
+    // Only the context that owns the worker gives the process's one back.
+    second.context.kamContext.clear();
+    EXPECT_TRUE(manager->mWorkerRunning.load());
+    first.context.kamContext.clear();
+    EXPECT_FALSE(manager->mWorkerRunning.load());
+}
+
+// Start-up work on a pbuffer (loading screens, shader warm-up) after a
+// window context has begun to be measured.
+TEST_F(ManagerTest, MovingToAnUnshadowedContextLetsGoOfTheMeasuredOne) {
+    App first, offscreen;
+    onThread("app-render", [&] {
+        manager->makeCurrentPre(first.handle(), &first.draw);
+        KAMContext* k = first.kam();
+        ASSERT_NE(k, nullptr);
+        frame();
+        manager->makeCurrentPre(offscreen.handle(), &offscreen.pbuffer);
+        EXPECT_EQ(offscreen.kam(), nullptr);
+        ASSERT_EQ(__tls->mContext, nullptr);
+        EXPECT_EQ(__tls->mEglContext, nullptr);
+        framesUntilWorker();
+        EXPECT_EQ(k->mFrameCount, 1u);
+        EXPECT_EQ(k->mWorker, nullptr);
+        // Destroyed while the thread is elsewhere: nothing is left to reach it.
+        first.context.kamContext.clear();
+        frame();
+    });
+    EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
+}
+
 // ---- start ----
 
 TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadOneBoundaryLater) {
