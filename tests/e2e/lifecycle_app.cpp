@@ -391,12 +391,12 @@ void pbuffer_during_startup() {
         EGLSurface p = eglCreatePbufferSurface(gEnv.dpy, gEnv.windowConfig, attribs);
         if (p == EGL_NO_SURFACE)
             gFailure.set("no pbuffer for the start-up context");
-        else if (make_current(s, c1) && frames(s, 3) && make_current(p, c2) && never_offloaded(p)) {
+        else if (make_current(s, c1) && frames(s, 3) && make_current(p, c2) && frames(p, 3)) {
             eglDestroySurface(gEnv.dpy, s);
             eglDestroyContext(gEnv.dpy, c1);
             s = EGL_NO_SURFACE;
             c1 = EGL_NO_CONTEXT;
-            frames(p, 5);
+            never_offloaded(p);
         }
         eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
         eglDestroySurface(gEnv.dpy, p);
