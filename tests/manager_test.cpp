@@ -264,20 +264,29 @@ TEST_F(ManagerInitTest, ArgumentTokens) {
 
 TEST_F(ManagerInitTest, MissingEntryPointKeepsOffloadOff) {
     const bool saved = loader->mMissingEntries;
-    loader->mMissingEntries = true;
     struct Row {
         const char* args;
         bool clientArrays;
     } rows[] = {{"", false}, {"1", true}, {"0|0", false}, {"1|0", true}};
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.args);
-        manager->mClientArrays = false;
-        support::clearLog();
-        manager->initMTR("proc.name", false, r.args);
-        EXPECT_FALSE(manager->mEnabled);
-        EXPECT_EQ(manager->mClientArrays, r.clientArrays);  // the other setting still applies
-        EXPECT_EQ(exactLog(std::string("initMTR proc.name 0 args=") + r.args + " debuggable=0", ANDROID_LOG_DEBUG), 1);
+    // Tables with a hole, or a loader that never got any.
+    for (bool initialised : {true, false}) {
+        loader->mMissingEntries = initialised;
+        loader->mInitialised = initialised;
+        for (const Row& r : rows) {
+            SCOPED_TRACE(std::string(r.args) + (initialised ? " missing entry" : " loader not initialised"));
+            manager->mClientArrays = false;
+            support::clearLog();
+            manager->initMTR("proc.name", false, r.args);
+            EXPECT_FALSE(manager->mEnabled);
+            EXPECT_EQ(manager->mClientArrays, r.clientArrays);  // the other setting still applies
+            EXPECT_EQ(exactLog(std::string("initMTR proc.name 0 args=") + r.args + " debuggable=0", ANDROID_LOG_DEBUG),
+                      1);
+            EXPECT_EQ(exactLog("initMTR proc.name: the layer's dispatch tables are incomplete, offload stays off",
+                               ANDROID_LOG_ERROR),
+                      1);
+        }
     }
+    loader->mInitialised = true;
     loader->mMissingEntries = saved;
     manager->initMTR("proc.name", false, "");
     EXPECT_TRUE(manager->mEnabled);
