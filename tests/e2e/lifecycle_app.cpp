@@ -379,6 +379,36 @@ void second_context_same_thread() {
     });
 }
 
+// Start-up work on another context's pbuffer (a loading screen, shader
+// warm-up) after the window context's first frames: those frames are not the
+// window context's, and destroying that one meanwhile leaves nothing behind.
+void pbuffer_during_startup() {
+    on_thread("lc-warmup", [] {
+        static const EGLint attribs[] = {EGL_WIDTH, kSize, EGL_HEIGHT, kSize, EGL_NONE};
+        EGLContext c1 = new_context();
+        EGLContext c2 = new_context();
+        EGLSurface s = new_window_surface();
+        EGLSurface p = eglCreatePbufferSurface(gEnv.dpy, gEnv.windowConfig, attribs);
+        if (p == EGL_NO_SURFACE)
+            gFailure.set("no pbuffer for the start-up context");
+        else if (make_current(s, c1) && frames(s, 3) && make_current(p, c2) && frames(p, 3)) {
+            eglDestroySurface(gEnv.dpy, s);
+            eglDestroyContext(gEnv.dpy, c1);
+            s = EGL_NO_SURFACE;
+            c1 = EGL_NO_CONTEXT;
+            never_offloaded(p);
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, p);
+        if (s != EGL_NO_SURFACE)
+            eglDestroySurface(gEnv.dpy, s);
+        if (c1 != EGL_NO_CONTEXT)
+            eglDestroyContext(gEnv.dpy, c1);
+        eglDestroyContext(gEnv.dpy, c2);
+        eglReleaseThread();
+    });
+}
+
 void pbuffer_only() {
     on_thread("lc-pbuffer", [] {
         static const EGLint attribs[] = {EGL_WIDTH, kSize, EGL_HEIGHT, kSize, EGL_NONE};
@@ -430,6 +460,9 @@ const Scenario kScenarios[] = {
     {"release-and-take-back", release_and_take_back, true, {}, {"is stopped", "Releasing a EGLContext"}},
     {"second-context-same-thread", second_context_same_thread, true,
      {"<lc-second> EGLContext is changed"},
+     {"Releasing a EGLContext"}},
+    {"pbuffer-during-start-up", pbuffer_during_startup, false,
+     {"<lc-warmup> EGLContext is changed", "KAMContext is released EGLContext="},
      {"Releasing a EGLContext"}},
     {"pbuffer-only-context", pbuffer_only, false, {}, {"RenderThread is marked"}},
     {"thread-named-RenderThread", render_thread, false, {"iniTLS <RenderThread> skip=1"},
