@@ -156,11 +156,10 @@ MappedInfo* Bindings::mapBufferRangePre(GLenum target, GLintptr offset, GLsizeip
         if (record()->size < 0 || !rangeInside(offset, length, info->size))
             info->size = askDriver(target, GL_BUFFER_SIZE);
         if (!rangeInside(offset, length, info->size)) return direct();
-    } else if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(length) > UINT32_MAX) {
-        return nullptr;
     }
-    record();
+    // The 32-bit bookkeeping holds no end past 4 GiB: the worker maps those.
     if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(length) > UINT32_MAX) return nullptr;
+    record();
     const uint32_t need = static_cast<uint32_t>(offset) + static_cast<uint32_t>(length);
 
     if (need > info->capacity) {
