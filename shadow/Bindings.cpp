@@ -197,7 +197,8 @@ void Bindings::directMapFailed(GLenum target, BufferInfo* info) {
 // The bytes the worker must write, copied now: the application may map the
 // block again, and write it, before the worker gets to this call.
 void Bindings::keep(MappedInfo& mi, const uint8_t* src, size_t bytes) {
-    void* copy = keepBytes ? keepBytes(bytes, src) : nullptr;
+    // An empty flush has nothing to keep; its pointer only says it lands.
+    void* copy = bytes == 0 ? const_cast<uint8_t*>(src) : keepBytes ? keepBytes(bytes, src) : nullptr;
     mi.data = copy ? static_cast<const uint8_t*>(copy) : src;
     mi.wait = copy ? 0 : 1;
 }
