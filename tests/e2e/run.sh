@@ -95,7 +95,7 @@ case "$test_name" in
     # the remaining frames all go through the worker; the warm-up leaves no
     # trace in the output, so the direct run does without it. "--args 1"
     # turns client vertex-array emulation on.
-    features=0x1ff
+    features=0x3ff
     "$build/kam-shadow-app" --frames 1500 --features $features --png "$out/direct.png" >"$out/direct.txt" 2>"$out/direct.log" \
       || fail "shadow app without the layer failed: $(cat "$out/direct.log")"
     "$kam_run" --verbose --args 1 "$build/kam-shadow-app" --frames 1500 --features $features --warmup-after 100 --warmup-seconds 6 \
