@@ -395,11 +395,16 @@ def gen_platform_stubs(gl, egl):
         out.append("    %sreinterpret_cast<%s>(%s)(%s);" % (ret, e.pfn(), table, e.args()))
         out.append("}")
     out.append("")
+    # Only libEGL hands the entry points out by name; in the GLES libraries
+    # the table would be 1000 more relocations against names other libraries
+    # in the process may also define.
+    out.append("#ifdef KAM_STUB_PROC_TABLE")
     out.append("const kamplatform::PublicProc kam_platform_gl_procs[] = {")
     for e in sorted(gl, key=lambda e: e.name):
         out.append('    {"%s", reinterpret_cast<void*>(&%s)},' % (e.name, e.name))
     out.append("};")
     out.append("const int kam_platform_gl_proc_count = %d;" % len(gl))
+    out.append("#endif")
     out.append("}")
     return "\n".join(out) + "\n"
 
