@@ -18,6 +18,7 @@
 // a direct run) and, through a layer's host platform, the EGL records left.
 
 #include <EGL/egl.h>
+#include <EGL/eglext.h>
 #include <GLES3/gl3.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -80,6 +81,8 @@ struct Env {
     Window win = 0;
 };
 Env gEnv;
+// How frames are presented; scenarios may use another presenting call.
+EGLBoolean (*gPresent)(EGLDisplay, EGLSurface) = eglSwapBuffers;
 
 struct Failure {
     std::mutex lock;
@@ -162,7 +165,7 @@ bool known_frame(EGLSurface s, uint32_t seed) {
             return false;
         }
     }
-    if (!eglSwapBuffers(gEnv.dpy, s)) {
+    if (!gPresent(gEnv.dpy, s)) {
         gFailure.set("eglSwapBuffers failed");
         return false;
     }
@@ -409,6 +412,96 @@ void render_thread() {
     });
 }
 
+// Extension entry points taken by name get the same handles as the core
+// ones, and a swap with damage is a frame like any other.
+PFNEGLSWAPBUFFERSWITHDAMAGEEXTPROC gSwapWithDamage;
+EGLBoolean swap_with_damage(EGLDisplay dpy, EGLSurface s) {
+    EGLint rect[4] = {0, 0, kSize, kSize};
+    return gSwapWithDamage(dpy, s, rect, 1);
+}
+
+void present_with_damage() {
+    on_thread("lc-damage", [] {
+        gSwapWithDamage = reinterpret_cast<PFNEGLSWAPBUFFERSWITHDAMAGEEXTPROC>(
+            eglGetProcAddress("eglSwapBuffersWithDamageEXT"));
+        auto label = reinterpret_cast<PFNEGLLABELOBJECTKHRPROC>(eglGetProcAddress("eglLabelObjectKHR"));
+        EGLContext c = new_context();
+        EGLSurface s = new_window_surface();
+        if (!gSwapWithDamage || !label) {
+            gFailure.set("no eglSwapBuffersWithDamageEXT or eglLabelObjectKHR");
+        } else if (make_current(s, c)) {
+            if (label(gEnv.dpy, EGL_OBJECT_CONTEXT_KHR, c, nullptr) != EGL_SUCCESS ||
+                label(gEnv.dpy, EGL_OBJECT_SURFACE_KHR, s, nullptr) != EGL_SUCCESS)
+                gFailure.set("eglLabelObjectKHR refused the context or the surface");
+            gPresent = swap_with_damage;
+            until_offloaded(s) && frames(s, 30);
+            gPresent = eglSwapBuffers;
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// A make-current that fails leaves the thread's binding as it was.
+void failed_make_current() {
+    on_thread("lc-badmc", [] {
+        EGLContext c = new_context();
+        EGLContext other = new_context();
+        EGLSurface s = new_window_surface();
+        EGLSurface bad = reinterpret_cast<EGLSurface>(static_cast<uintptr_t>(0x4b4b4b40));
+        if (make_current(s, c) && until_offloaded(s)) {
+            if (eglMakeCurrent(gEnv.dpy, bad, bad, other))
+                gFailure.set("eglMakeCurrent took a bad surface");
+            else if (eglGetError() != EGL_BAD_SURFACE)
+                gFailure.set("a bad surface did not give EGL_BAD_SURFACE");
+            else if (eglGetCurrentContext() != c || eglGetCurrentSurface(EGL_DRAW) != s)
+                gFailure.set("the failed eglMakeCurrent changed the current context");
+            else if (gOffloaded && !offloaded())
+                gFailure.set("not offloaded after the failed eglMakeCurrent");
+            frames(s, 10);
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, other);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// GL calls without a current context answer zero, whatever they return.
+bool zeros_without_context(const char *when) {
+    const uint64_t got[] = {glGetError(),
+                            glCreateShader(GL_VERTEX_SHADER),
+                            glCreateProgram(),
+                            glIsEnabled(GL_BLEND),
+                            static_cast<uint64_t>(glGetUniformLocation(1, "u")),
+                            glCheckFramebufferStatus(GL_FRAMEBUFFER),
+                            reinterpret_cast<uintptr_t>(glMapBufferRange(GL_ARRAY_BUFFER, 0, 4, GL_MAP_READ_BIT)),
+                            glIsBuffer(1)};
+    for (size_t i = 0; i < sizeof got / sizeof got[0]; ++i)
+        if (got[i] != 0) {
+            gFailure.set(std::string("call ") + std::to_string(i) + " " + when + " returned " + std::to_string(got[i]));
+            return false;
+        }
+    return true;
+}
+
+void calls_without_context() {
+    on_thread("lc-nocontext", [] {
+        EGLContext c = new_context();
+        EGLSurface s = new_window_surface();
+        if (zeros_without_context("before any context") && make_current(s, c) && frames(s, 1)) {
+            eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+            zeros_without_context("after releasing the context");
+        }
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
 struct Scenario {
     const char *name;
     void (*run)();
@@ -431,6 +524,9 @@ const Scenario kScenarios[] = {
     {"second-context-same-thread", second_context_same_thread, true,
      {"<lc-second> EGLContext is changed"},
      {"Releasing a EGLContext"}},
+    {"present-with-damage", present_with_damage, true, {}, {"is stopped"}},
+    {"failed-make-current", failed_make_current, true, {}, {"is stopped", "Releasing a EGLContext"}},
+    {"calls-without-context", calls_without_context, false, {}, {}},
     {"pbuffer-only-context", pbuffer_only, false, {}, {"RenderThread is marked"}},
     {"thread-named-RenderThread", render_thread, false, {"iniTLS <RenderThread> skip=1"},
      {"RenderThread is marked"}},
