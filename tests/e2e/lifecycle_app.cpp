@@ -39,6 +39,8 @@
 
 #include "gles_window.h"
 
+#include <X11/Xutil.h>
+
 using namespace glesapp;
 
 namespace {
@@ -75,6 +77,7 @@ using RecordCountsFn = void (*)(int *, int *);
 OffloadedFn gOffloaded = nullptr;  // null: no layer, nothing to wait for
 
 struct Env {
+    Display *xdpy = nullptr;
     EGLDisplay dpy = EGL_NO_DISPLAY;
     EGLConfig windowConfig = nullptr;
     EGLConfig pbufferConfig = nullptr;
@@ -137,11 +140,21 @@ bool make_current(EGLSurface s, EGLContext c) {
     return false;
 }
 
-// A frame whose pixels are known exactly: the left half one colour, the
-// right half another, both chosen by the frame's seed.
+// A frame whose pixels are known exactly: the left half one colour (b), the
+// right half another (a), both chosen by the frame's seed.
+void frame_colours(uint32_t seed, uint8_t a[3], uint8_t b[3]) {
+    const uint8_t ca[3] = {static_cast<uint8_t>(51 * (seed % 5)), 102, static_cast<uint8_t>(255 - 51 * (seed % 3))};
+    const uint8_t cb[3] = {204, static_cast<uint8_t>(51 * (seed % 4)), 0};
+    std::memcpy(a, ca, 3);
+    std::memcpy(b, cb, 3);
+}
+
+std::atomic<uint32_t> gLastSeed{0};
+
 bool known_frame(EGLSurface s, uint32_t seed) {
-    const uint8_t a[3] = {static_cast<uint8_t>(51 * (seed % 5)), 102, static_cast<uint8_t>(255 - 51 * (seed % 3))};
-    const uint8_t b[3] = {204, static_cast<uint8_t>(51 * (seed % 4)), 0};
+    uint8_t a[3], b[3];
+    frame_colours(seed, a, b);
+    gLastSeed = seed;
     glViewport(0, 0, kSize, kSize);
     glDisable(GL_SCISSOR_TEST);
     glClearColor(a[0] / 255.0f, a[1] / 255.0f, a[2] / 255.0f, 1.0f);
@@ -502,6 +515,83 @@ void calls_without_context() {
     });
 }
 
+// ---- windows that go away ----
+
+// A window of its own, on top of the shared one, with the same visual.
+Window new_window() {
+    XWindowAttributes wa{};
+    XGetWindowAttributes(gEnv.xdpy, gEnv.win, &wa);
+    XSetWindowAttributes swa{};
+    swa.colormap = wa.colormap;
+    Window w = XCreateWindow(gEnv.xdpy, DefaultRootWindow(gEnv.xdpy), 0, 0, kSize, kSize, 0, wa.depth, InputOutput,
+                             wa.visual, CWColormap | CWBackPixel | CWBorderPixel, &swa);
+    XMapRaised(gEnv.xdpy, w);
+    XSync(gEnv.xdpy, False);
+    return w;
+}
+
+// The X server shows the last frame the application presented in w.
+bool window_shows_last_frame(Window w, const char *when) {
+    uint8_t a[3], b[3];
+    frame_colours(gLastSeed, a, b);
+    XImage *img = XGetImage(gEnv.xdpy, w, 0, 0, kSize, kSize, AllPlanes, ZPixmap);
+    if (!img) {
+        gFailure.set("XGetImage failed");
+        return false;
+    }
+    const unsigned long left = XGetPixel(img, 0, kSize / 2), right = XGetPixel(img, kSize - 1, kSize / 2);
+    XDestroyImage(img);
+    auto rgb = [](const uint8_t *c) { return (unsigned long)c[0] << 16 | (unsigned long)c[1] << 8 | c[2]; };
+    if ((left & 0xffffff) == rgb(b) && (right & 0xffffff) == rgb(a))
+        return true;
+    gFailure.set(std::string("the window does not show the last frame ") + when);
+    return false;
+}
+
+// eglReleaseThread on an offloaded thread: the last frame is on the screen
+// when it returns, so the window may go at once.
+void release_thread_then_window_gone() {
+    on_thread("lc-relthread", [] {
+        Window w = new_window();
+        EGLContext c = new_context();
+        EGLSurface s = eglCreateWindowSurface(gEnv.dpy, gEnv.windowConfig, static_cast<EGLNativeWindowType>(w), nullptr);
+        if (make_current(s, c) && until_offloaded(s)) {
+            eglReleaseThread();
+            window_shows_last_frame(w, "after eglReleaseThread");
+        }
+        XDestroyWindow(gEnv.xdpy, w);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// The render thread ends while its context is current and offloaded; the
+// main thread destroys the window, then the surface and the context. What
+// the platform does just before a window goes (kam-run's X window guard
+// calls it from XDestroyWindow) puts the last frame on the screen first.
+using WindowGoingFn = void (*)(unsigned long);
+WindowGoingFn gWindowGoing = nullptr;
+
+void render_thread_gone_window_gone() {
+    Window w = new_window();
+    EGLContext c = EGL_NO_CONTEXT;
+    EGLSurface s = EGL_NO_SURFACE;
+    on_thread("lc-gone", [&] {
+        c = new_context();
+        s = eglCreateWindowSurface(gEnv.dpy, gEnv.windowConfig, static_cast<EGLNativeWindowType>(w), nullptr);
+        if (make_current(s, c))
+            until_offloaded(s);
+    });
+    if (gWindowGoing) {
+        gWindowGoing(w);
+        window_shows_last_frame(w, "when it is destroyed");
+    }
+    XDestroyWindow(gEnv.xdpy, w);
+    eglDestroySurface(gEnv.dpy, s);
+    eglDestroyContext(gEnv.dpy, c);
+}
+
 struct Scenario {
     const char *name;
     void (*run)();
@@ -527,6 +617,8 @@ const Scenario kScenarios[] = {
     {"present-with-damage", present_with_damage, true, {}, {"is stopped"}},
     {"failed-make-current", failed_make_current, true, {}, {"is stopped", "Releasing a EGLContext"}},
     {"calls-without-context", calls_without_context, false, {}, {}},
+    {"release-thread-then-window-gone", release_thread_then_window_gone, true, {}, {"is stopped"}},
+    {"render-thread-gone-window-gone", render_thread_gone_window_gone, true, {}, {"is stopped"}},
     {"pbuffer-only-context", pbuffer_only, false, {}, {"RenderThread is marked"}},
     {"thread-named-RenderThread", render_thread, false, {"iniTLS <RenderThread> skip=1"},
      {"RenderThread is marked"}},
@@ -572,6 +664,7 @@ int main() {
     Platform plat;
     const bool up = setup_platform(&plat, {"kam-lifecycle-app", kSize, kSize, false});
     gEnv.dpy = plat.dpy;
+    gEnv.xdpy = plat.xdpy;
     if (!up || !choose_pbuffer_config()) {
         std::fprintf(stderr, "kam-lifecycle-app: no window or no RGBA8 pbuffer config\n");
         teardown_platform(&plat);
@@ -586,6 +679,7 @@ int main() {
     gEnv.windowConfig = plat.config;
     gEnv.win = plat.win;
     gOffloaded = reinterpret_cast<OffloadedFn>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
+    gWindowGoing = reinterpret_cast<WindowGoingFn>(dlsym(RTLD_DEFAULT, "kam_platform_native_window_destroyed"));
     auto record_counts = reinterpret_cast<RecordCountsFn>(dlsym(RTLD_DEFAULT, "kam_platform_record_counts"));
 
     int failed = 0;

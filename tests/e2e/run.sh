@@ -146,7 +146,7 @@ case "$test_name" in
     rc=$?
     cat "$out/kam.txt"
     [[ $rc -eq 0 ]] || fail "lifecycle app through kam-run ended with $rc: $(grep FAIL "$out/kam.txt") $(tail -3 "$out/kam.log")"
-    [[ $(grep -c "^PASS " "$out/kam.txt") -eq 10 ]] || fail "not every scenario ran"
+    [[ $(grep -c "^PASS " "$out/kam.txt") -eq 12 ]] || fail "not every scenario ran"
     left() { echo $(( $(sed -n 's/^threads_before=\([0-9]*\) threads_after=\([0-9]*\).*/\2-\1/p' "$1") )); }
     [[ $(left "$out/kam.txt") -le $(left "$out/direct.txt") ]] || fail "threads left behind: $(grep -h threads_ "$out/direct.txt" "$out/kam.txt")"
     ;;
