@@ -559,14 +559,15 @@ const int kExtensionEglCount = sizeof(kExtensionEgl) / sizeof(kExtensionEgl[0]);
 __eglMustCastToProperFunctionPointerType impl_eglGetProcAddress(const char* name) {
     if (!name) return nullptr;
     if (name[0] == 'g' && name[1] == 'l') {
-        const PublicProc* p = bsearchProc(kam_platform_gl_procs, kam_platform_gl_proc_count, name);
-        return p ? reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc) : nullptr;
+        if (const PublicProc* p = bsearchProc(kam_platform_gl_procs, kam_platform_gl_proc_count, name))
+            return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
     }
     if (const PublicProc* p = bsearchProc(kPublicEgl, kPublicEglCount, name))
         return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
     if (const PublicProc* p = bsearchProc(kExtensionEgl, kExtensionEglCount, name))
         return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
-    // Anything else takes no context or surface record: the driver's own.
+    // Anything else takes no context or surface record: the driver's own
+    // (also names outside OpenGL ES, which the system's EGL hands out too).
     auto getProc = driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress);
     return getProc ? getProc(name) : nullptr;
 }
