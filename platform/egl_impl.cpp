@@ -523,7 +523,8 @@ EGLint extLabelObject(EGLDisplay dpy, EGLenum type, EGLObjectKHR object, EGLLabe
 
 EGLBoolean extGetSyncValues(EGLDisplay dpy, EGLSurface surface, EGLuint64KHR* ust, EGLuint64KHR* msc,
                             EGLuint64KHR* sbc) {
-    static auto fn = driverProc<EGLBoolean (*)(EGLDisplay, EGLSurface, EGLuint64KHR*, EGLuint64KHR*, EGLuint64KHR*)>("eglGetSyncValuesCHROMIUM");
+    using Fn = EGLBoolean (*)(EGLDisplay, EGLSurface, EGLuint64KHR*, EGLuint64KHR*, EGLuint64KHR*);
+    static auto fn = driverProc<Fn>("eglGetSyncValuesCHROMIUM");
     return fn ? fn(dpy, unwrapSurface(surface), ust, msc, sbc) : EGL_FALSE;
 }
 
@@ -624,7 +625,7 @@ KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface
     EGLSurface oldRead = tableEntry<kam_pfn_eglGetCurrentSurface>(android::kEgl_eglGetCurrentSurface)(EGL_READ);
     EGLBoolean ok = makeCurrentWithHooks(dpy, draw, read, ctx);
     if (ok) return ok;
-    EGLint error = driverEgl<kam_pfn_eglGetError>(android::kEgl_eglGetError)();
+    EGLint error = tableEntry<kam_pfn_eglGetError>(android::kEgl_eglGetError)();
     auto* old = static_cast<ContextRec*>(liveContext(oldContext));
     if (old || oldContext == EGL_NO_CONTEXT)
         makeCurrentWithHooks(old ? old->display : dpy, oldDraw, oldRead, oldContext);
