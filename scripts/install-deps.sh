@@ -14,6 +14,8 @@ PACKAGES=(
   khronos-api
   # windows without a screen, and real GLES programs to run through the layer
   xvfb xauth mesa-utils-bin glmark2-es2-x11
+  # a replayer that loads the desktop GL library before EGL/GLES (waffle)
+  apitrace netpbm
   # the demo's PNG output
   libpng-dev
   # tests and benchmarks
