@@ -111,7 +111,7 @@ case "$method" in
       KAM_STOP_FRAME=$FRAMES KAM_STOP_FILE="$out/stop" "$@" >"$out/record.log" 2>&1 &
     pid=$!
     wait_for test -s "$out/stop"
-    kill -9 "$pid" 2>/dev/null; wait "$pid" 2>/dev/null
+    kill -TERM "$pid" 2>/dev/null; wait "$pid" 2>/dev/null   # the tracer writes out the trace
     [[ -s $out/t.trace ]] || fail "no trace recorded: $(tail -5 "$out/record.log")"
     eglretrace -s - --snapshot-format=MD5 "$out/t.trace" >"$out/direct.txt" 2>"$out/direct.log" \
       || fail "eglretrace without the layer failed: $(tail -5 "$out/direct.log")"
