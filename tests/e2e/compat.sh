@@ -32,8 +32,10 @@ still="av://lavfi:mandelbrot=s=320x240,loop=loop=-1:size=1"
 glmark2="glmark2-es2 --reuse-context -s 320x240"
 export SDL_VIDEO_X11_FORCE_EGL=1
 
-# Known defects of the host platform, fixed elsewhere (issue 11): mpv renders
-# black through kam-run (also with --off); eglretrace loads libGL first.
+# The retrace rows fail until the host platform binds its libraries to their
+# own GL symbols in a process that loaded libGL first, as eglretrace does.
+# mpv's --scale=spline36 is left out: on llvmpipe with GLES it presents a
+# black picture in some direct runs too, so it cannot be compared.
 # row               | method  | program and arguments
 table=$(cat <<'EOF'
 testgles2           | screen  | $sdl/testgles2 --geometry 320x240
