@@ -15,8 +15,6 @@ out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
-es2gears=$(command -v es2gears_x11 || ls /usr/bin/es2gears_x11.* 2>/dev/null | head -n1)
-
 case "$test_name" in
   glmark2_validate)
     # --validate never swaps, so this checks the platform and the pass-through
