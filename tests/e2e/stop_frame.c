@@ -37,7 +37,8 @@ static void presented(int was_offloaded) {
     void *gles = dlopen("libGLESv2.so.2", RTLD_LAZY);
     void (*finish)(void) = gles ? (void (*)(void))dlsym(gles, "glFinish") : NULL;
     if (finish) finish();
-    FILE *f = fopen(getenv("KAM_STOP_FILE"), "w");
+    const char *path = getenv("KAM_STOP_FILE");
+    FILE *f = path ? fopen(path, "w") : NULL;
     if (f) fprintf(f, "frame=%ld offloaded=%ld\n", this_frame, offloaded), fclose(f);
     for (;;) pause();
 }
