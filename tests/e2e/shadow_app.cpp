@@ -9,11 +9,12 @@
 // (--png), whether or not the calls go through a layer. --features selects
 // groups of calls so that a difference can be narrowed down to one group.
 // --warmup-seconds renders plain cleared frames, after --warmup-after frames,
-// for as long as a layer needs to decide to offload; they leave no trace in
+// until the layer offloads the thread (at most S seconds); they leave no trace in
 // the output, so runs with different warm-ups still compare equal.
 
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
+#include <dlfcn.h>
 #include <GLES3/gl3.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -75,7 +76,7 @@ void usage(FILE *out) {
     for (unsigned i = 0; i < sizeof(kFeatureNames) / sizeof(kFeatureNames[0]); ++i)
         std::fprintf(out, "                        0x%03x %s\n", 1u << i, kFeatureNames[i]);
     std::fprintf(out,
-                 "  --warmup-seconds S  clear and swap for S seconds before frame --warmup-after (default 0)\n"
+                 "  --warmup-seconds S  clear and swap until offloaded, at most S seconds, before frame --warmup-after\n"
                  "  --warmup-after K    frames to render before the warm-up (default 0)\n"
                  "  --check-errors      call glGetError after every group and name the first that fails\n"
                  "  --help              show this text\n");
@@ -1182,8 +1183,9 @@ int main(int argc, char **argv) {
         if (frame == opt.warmup_after && opt.warmup_seconds > 0) {
             const double w0 = now_seconds();
             long warm = 0;
+            auto offloaded = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
             glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            while (ok && now_seconds() - w0 < opt.warmup_seconds) {
+            while (ok && now_seconds() - w0 < opt.warmup_seconds && !(offloaded && offloaded())) {
                 glClear(GL_COLOR_BUFFER_BIT);
                 if (!eglSwapBuffers(plat.dpy, plat.surf)) {
                     egl_fail("eglSwapBuffers");
