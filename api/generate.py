@@ -464,12 +464,38 @@ def gen_platform_stubs(gl, egl):
         out.append("    %sreinterpret_cast<%s>(%s)(%s);" % (ret, e.pfn(), table, e.args()))
         out.append("}")
     out.append("")
+    # Only libEGL hands the entry points out by name; in the GLES libraries
+    # the table would be 1000 more relocations against names other libraries
+    # in the process may also define.
+    out.append("}")
+    out.append("#ifdef KAM_STUB_PROC_TABLE")
+    out.append('extern "C" {')
     out.append("const kamplatform::PublicProc kam_platform_gl_procs[] = {")
     for e in sorted(gl, key=lambda e: e.name):
         out.append('    {"%s", reinterpret_cast<void*>(&%s)},' % (e.name, e.name))
     out.append("};")
     out.append("const int kam_platform_gl_proc_count = %d;" % len(gl))
     out.append("}")
+    # Entries for calls that cannot reach a driver (no current context, or a
+    # name the driver lacks): each has its entry point's own prototype, so
+    # that the caller finds a zero of the right type where it reads the result.
+    out += ["", "namespace kamplatform {",
+            "template <void (*Warn)(), class R, class... A>",
+            "R zeroCall(A...) {", "    Warn();", "    return R();", "}", "",
+            "template <void (*Warn)()>", "void fillZeroTable(void** table) {"]
+    for i, e in enumerate(gl):
+        types = ", ".join([e.ret] + [p.type for p in e.params])
+        out.append("    table[%d] = reinterpret_cast<void*>(&zeroCall<Warn, %s>);" % (i, types))
+    out += ["}", "",
+            "void fillNoContextTable(void** table) { fillZeroTable<&noContextCall>(table); }",
+            "void fillMissingEntries(void** table) {",
+            "    void* missing[%d];" % len(gl),
+            "    fillZeroTable<&unimplementedCall>(missing);",
+            "    for (int i = 0; i < %d; ++i)" % len(gl),
+            "        if (table[i] == nullptr) table[i] = missing[i];",
+            "}",
+            "}  // namespace kamplatform"]
+    out.append("#endif")
     return "\n".join(out) + "\n"
 
 
@@ -483,7 +509,7 @@ PLATFORM_IMPL_HANDWRITTEN = {
     "glGetString", "glGetStringi", "glGetBooleanv", "glGetFloatv", "glGetIntegerv", "glGetInteger64v"}
 # Public EGL functions with platform work around the table call.
 PLATFORM_PUBLIC_HANDWRITTEN = {"eglMakeCurrent", "eglSwapBuffers", "eglSwapBuffersWithDamageKHR",
-                               "eglDestroyContext", "eglReleaseThread"}
+                               "eglDestroyContext", "eglReleaseThread", "eglGetError"}
 
 
 def gen_platform_egl(egl):

@@ -36,6 +36,7 @@ struct Options {
     int height = 480;
     long work_us = 0;
     long toggle_every = 0;
+    long until_offloaded = 0;
     std::string png_path;
     bool quiet = false;
     bool malloc_tune = true;
@@ -49,6 +50,8 @@ void usage(FILE *out) {
                  "  --size WxH        window size (default 640x480)\n"
                  "  --work-us N       simulated game-logic CPU work per frame, in microseconds (default 0)\n"
                  "  --toggle-every K  every K frames call kam_platform_update_mtr(0/1) if the layer exports it\n"
+                 "  --until-offloaded N  before the last frame, render on until N frames went through the layer's\n"
+                 "                    worker (kam_platform_thread_offloaded) over at least a second; gives up after 120 s\n"
                  "  --png PATH        write the last frame to PATH as PNG\n"
                  "  --quiet           do not print the summary line\n"
                  "  --no-malloc-tune  leave glibc's heap trimming at its default\n"
@@ -118,6 +121,10 @@ int parse_args(int argc, char **argv, Options *o) {
             const char *v = need_value("--toggle-every");
             if (!v) return -1;
             if (!parse_long(v, 1, 100000000L, &o->toggle_every)) return bad("--toggle-every", v);
+        } else if (arg == "--until-offloaded") {
+            const char *v = need_value("--until-offloaded");
+            if (!v) return -1;
+            if (!parse_long(v, 1, 100000000L, &o->until_offloaded)) return bad("--until-offloaded", v);
         } else if (arg == "--size") {
             const char *v = need_value("--size");
             if (!v) return -1;
@@ -603,21 +610,49 @@ int main(int argc, char **argv) {
     if (opt.work_us > 0)
         work_iters = static_cast<uint64_t>(calibrate_work() * static_cast<double>(opt.work_us));
 
+    // --until-offloaded waits for the layer by condition rather than by a
+    // frame count that suits one machine's speed.
+    using OffloadedFn = int (*)();
+    OffloadedFn offloaded = nullptr;
+    if (opt.until_offloaded > 0) {
+        offloaded = reinterpret_cast<OffloadedFn>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
+        if (!offloaded)
+            std::fprintf(stderr, "kam-demo: --until-offloaded needs the layer (kam_platform_thread_offloaded)\n");
+    }
+    long offloaded_frames = 0;
+    double offloaded_since = 0.0;
+
     std::vector<uint8_t> pixels;
-    bool ok = true;
+    bool ok = opt.until_offloaded == 0 || offloaded;
     int toggles = 0;
+    long rendered = 0;
 
     const double wall0 = clock_seconds(CLOCK_MONOTONIC);
     const double cpu0 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
-    for (long frame = 0; frame < opt.frames; ++frame) {
-        if (update_mtr && frame > 0 && frame % opt.toggle_every == 0) {
+    // Frames past the second-to-last go on until enough were offloaded; the
+    // last one then has the same frame number as without the option.
+    for (long i = 0; ok; ++i) {
+        const double now = clock_seconds(CLOCK_MONOTONIC);
+        if (offloaded && offloaded() && offloaded_frames++ == 0)
+            offloaded_since = now;
+        const bool waiting =
+            offloaded && (offloaded_frames < opt.until_offloaded || now - offloaded_since < 1.0);
+        if (waiting && now - wall0 > 120.0) {
+            std::fprintf(stderr, "kam-demo: %ld frames offloaded after 120 s\n", offloaded_frames);
+            ok = false;
+            break;
+        }
+        const bool last = i >= opt.frames - 1 && !waiting;
+        const long frame = last ? opt.frames - 1 : i;
+        if (update_mtr && i > 0 && i % opt.toggle_every == 0) {
             update_mtr(toggles % 2);
             ++toggles;
         }
 
         render_frame(&scene, frame, opt.draws, surf_w, surf_h, work_iters);
+        ++rendered;
 
-        if (frame == opt.frames - 1 && !opt.png_path.empty()) {
+        if (last && !opt.png_path.empty()) {
             pixels.assign(static_cast<size_t>(surf_w) * static_cast<size_t>(surf_h) * 4, 0);
             glPixelStorei(GL_PACK_ALIGNMENT, 1);
             glReadPixels(0, 0, surf_w, surf_h, GL_RGBA, GL_UNSIGNED_BYTE, pixels.data());
@@ -628,7 +663,11 @@ int main(int argc, char **argv) {
             ok = false;
             break;
         }
+        if (last)
+            break;
     }
+    if (offloaded)
+        std::fprintf(stderr, "kam-demo: %ld of %ld frames offloaded\n", offloaded_frames, rendered);
     const double cpu1 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
     glFinish();
     const double wall1 = clock_seconds(CLOCK_MONOTONIC);
@@ -649,9 +688,9 @@ int main(int argc, char **argv) {
 
     if (ok && !opt.quiet) {
         const double seconds = wall1 - wall0;
-        const double fps = seconds > 0 ? static_cast<double>(opt.frames) / seconds : 0.0;
-        const double cpu_ms = (cpu1 - cpu0) * 1000.0 / static_cast<double>(opt.frames);
-        std::printf("frames=%ld seconds=%.3f fps=%.2f app_cpu_ms_per_frame=%.3f\n", opt.frames, seconds, fps,
+        const double fps = seconds > 0 ? static_cast<double>(rendered) / seconds : 0.0;
+        const double cpu_ms = (cpu1 - cpu0) * 1000.0 / static_cast<double>(rendered);
+        std::printf("frames=%ld seconds=%.3f fps=%.2f app_cpu_ms_per_frame=%.3f\n", rendered, seconds, fps,
                     cpu_ms);
     }
     return ok ? 0 : 1;

@@ -40,7 +40,9 @@ void KAMLoader::init(const char* const* eglNames, void* eglTable, const char* co
     mPlatformGlTable = glTable;
     memcpy(mOriginGl, glTable, sizeof(mOriginGl));
     mNoContextGlTable = extra;
-    resolveOrigins(eglNames, glNames);
+    // The origin entries every wrapper calls are the process's: only its own
+    // loader, the one the platform hands its tables to, may set them.
+    if (this == getInstance()) resolveOrigins(eglNames, glNames);
     initKamLocked(eglNames, glNames);
     mInitialised = true;
 }
@@ -49,7 +51,14 @@ void KAMLoader::initKamLocked(const char* const* eglNames, const char* const* gl
     // glibc refuses a mode of 0; the library is loaded already, so this only
     // takes a reference to it.
     void* handle = dlopen(kamLibraryPath(), RTLD_LAZY);
-    if (!handle) return;
+    if (!handle) {
+        // Interposed tables left empty would send every call to null.
+        mMissingEntries = true;
+        const char* why = dlerror();
+        KAM_LOGE("Can't open the layer's own library %s (%s): offload stays off", kamLibraryPath(),
+                 why ? why : "no reason given");
+        return;
+    }
     initKamTableLocked(mKamEgl, mOriginEgl, eglNames, handle);
     initKamTableLocked(mKamGl, mOriginGl, glNames, handle);
     dlclose(handle);

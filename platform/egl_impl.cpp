@@ -77,6 +77,9 @@ struct ThreadState {
     SurfaceRec* read = nullptr;
 };
 thread_local ThreadState tState;
+// An EGL error of the platform's own, returned by the thread's next
+// eglGetError unless another EGL call comes first (ensureInit clears it).
+thread_local EGLint tPendingError = EGL_SUCCESS;
 // A thread that ends with a context current still holds its records; they
 // go with it, as the thread's driver state does. Made on a thread's first
 // rebind.
@@ -138,26 +141,11 @@ ThreadExit::~ThreadExit() {
     rebind(nullptr, nullptr, nullptr);
 }
 
-void noContextCall() {
-    static bool warned = false;
-    if (!warned) {
-        warned = true;
-        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "call to OpenGL ES API with no current context");
-    }
-}
-
-void unimplementedCall() {
-    static bool warned = false;
-    if (!warned) {
-        warned = true;
-        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "called an OpenGL ES entry point the driver lacks");
-    }
-}
-
 void* openOrDie(const char* path) {
     // Deep binding keeps the system library's own calls inside it: its
     // exported names are also ours, and ours come first in the global scope.
-    void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
+    // (Off in builds for AddressSanitizer, which refuses the flag.)
+    void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL | (KAM_PLATFORM_DEEPBIND ? RTLD_DEEPBIND : 0));
     if (!handle) {
         fprintf(stderr, "kam platform: cannot load the system library %s: %s\n", path, dlerror());
         abort();
@@ -187,11 +175,12 @@ void initOnce() {
         void* p = dlsym(gles2, name);
         if (!p) p = dlsym(gles1, name);
         if (!p && getProc) p = reinterpret_cast<void*>(getProc(name));
-        gDriverGl[i] = p ? p : reinterpret_cast<void*>(&unimplementedCall);
+        gDriverGl[i] = p;
     }
+    fillMissingEntries(gDriverGl);
     // Calls without a current context are bugs of the application: they are
     // answered with zeros, like Android does.
-    for (void*& entry : kam_platform_no_context_table) entry = reinterpret_cast<void*>(&noContextCall);
+    fillNoContextTable(kam_platform_no_context_table);
     fillEglTable(kam_platform_egl_table);
 
     if (envFlag("KAM_VERBOSE")) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
@@ -241,6 +230,22 @@ EGLSurface wrapSurface(EGLDisplay dpy, EGLConfig config, EGLSurface driverSurfac
 }
 
 }  // namespace
+
+void noContextCall() {
+    static bool warned = false;
+    if (!warned) {
+        warned = true;
+        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "call to OpenGL ES API with no current context");
+    }
+}
+
+void unimplementedCall() {
+    static bool warned = false;
+    if (!warned) {
+        warned = true;
+        __android_log_print(ANDROID_LOG_WARN, "kam-platform", "called an OpenGL ES entry point the driver lacks");
+    }
+}
 
 // ------------------------------------------------ table entries written by hand
 
@@ -418,7 +423,10 @@ void impl_glGetFloatv(GLenum p, GLfloat* d) { stateQuery<GLfloat, kam_pfn_glGetF
 void impl_glGetIntegerv(GLenum p, GLint* d) { stateQuery<GLint, kam_pfn_glGetIntegerv>(android::kGl_glGetIntegerv, p, d); }
 void impl_glGetInteger64v(GLenum p, GLint64* d) { stateQuery<GLint64, kam_pfn_glGetInteger64v>(android::kGl_glGetInteger64v, p, d); }
 
-void ensureInit() { pthread_once(&gInitOnce, initOnce); }
+void ensureInit() {
+    tPendingError = EGL_SUCCESS;
+    pthread_once(&gInitOnce, initOnce);
+}
 
 EGLSurface unwrapSurface(EGLSurface surface) {
     std::lock_guard<std::mutex> guard(gLock);
@@ -476,24 +484,92 @@ EGLSurface extCreatePlatformPixmapSurface(EGLDisplay dpy, EGLConfig config, void
     return fn ? wrapSurface(dpy, config, fn(dpy, config, pixmap, attribs), nullptr) : EGL_NO_SURFACE;
 }
 
+namespace {
+template <class F>
+F driverProc(const char* name) {
+    ensureInit();
+    auto getProc = driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress);
+    return reinterpret_cast<F>(getProc ? getProc(name) : nullptr);
+}
+
+// Presenting calls outside the layer's table: a frame boundary like
+// eglSwapBuffers, then the call where the context is current (the worker,
+// when the thread is offloaded).
+template <class F>
+EGLBoolean present(F call) {
+    KAMManager::INSTANCE->swapBuffers();
+    android::KAMContext* c = android::activeContext();
+    return c ? c->mWorker->postSync(call, "present") : call();
+}
+}  // namespace
+
+EGLBoolean extPostSubBuffer(EGLDisplay dpy, EGLSurface surface, EGLint x, EGLint y, EGLint width, EGLint height) {
+    static auto fn = driverProc<PFNEGLPOSTSUBBUFFERNVPROC>("eglPostSubBufferNV");
+    EGLSurface s = unwrapSurface(surface);
+    return fn ? present([&] { return fn(dpy, s, x, y, width, height); }) : EGL_FALSE;
+}
+
+EGLBoolean extSwapBuffersRegion(EGLDisplay dpy, EGLSurface surface, EGLint count, const EGLint* rects) {
+    static auto fn = driverProc<PFNEGLSWAPBUFFERSREGIONNOKPROC>("eglSwapBuffersRegionNOK");
+    EGLSurface s = unwrapSurface(surface);
+    return fn ? present([&] { return fn(dpy, s, count, rects); }) : EGL_FALSE;
+}
+
+EGLint extLabelObject(EGLDisplay dpy, EGLenum type, EGLObjectKHR object, EGLLabelKHR label) {
+    static auto fn = driverProc<PFNEGLLABELOBJECTKHRPROC>("eglLabelObjectKHR");
+    if (type == EGL_OBJECT_CONTEXT_KHR) object = unwrapContext(object);
+    if (type == EGL_OBJECT_SURFACE_KHR) object = unwrapSurface(object);
+    return fn ? fn(dpy, type, object, label) : EGL_BAD_DISPLAY;
+}
+
+EGLBoolean extGetSyncValues(EGLDisplay dpy, EGLSurface surface, EGLuint64KHR* ust, EGLuint64KHR* msc,
+                            EGLuint64KHR* sbc) {
+    using Fn = EGLBoolean (*)(EGLDisplay, EGLSurface, EGLuint64KHR*, EGLuint64KHR*, EGLuint64KHR*);
+    static auto fn = driverProc<Fn>("eglGetSyncValuesCHROMIUM");
+    return fn ? fn(dpy, unwrapSurface(surface), ust, msc, sbc) : EGL_FALSE;
+}
+
+EGLBoolean extGetMscRate(EGLDisplay dpy, EGLSurface surface, EGLint* numerator, EGLint* denominator) {
+    static auto fn = driverProc<PFNEGLGETMSCRATEANGLEPROC>("eglGetMscRateANGLE");
+    return fn ? fn(dpy, unwrapSurface(surface), numerator, denominator) : EGL_FALSE;
+}
+
+}  // namespace kamplatform
+
+extern "C" KAM_PUBLIC EGLBoolean eglSwapBuffersWithDamageKHR(EGLDisplay, EGLSurface, EGLint*, EGLint);
+
+namespace kamplatform {
+
+// Every entry point of Mesa's EGL (client and display extensions) that takes
+// a context or a surface, beyond the layer's table: the driver must never see
+// the platform's records. The rest take displays, configs, images, syncs or
+// nothing, and are the driver's own.
 const PublicProc kExtensionEgl[] = {
     {"eglCreatePlatformPixmapSurfaceEXT", reinterpret_cast<void*>(&extCreatePlatformPixmapSurface)},
     {"eglCreatePlatformWindowSurfaceEXT", reinterpret_cast<void*>(&extCreatePlatformWindowSurface)},
+    {"eglGetMscRateANGLE", reinterpret_cast<void*>(&extGetMscRate)},
     {"eglGetPlatformDisplayEXT", reinterpret_cast<void*>(&extGetPlatformDisplay)},
+    {"eglGetSyncValuesCHROMIUM", reinterpret_cast<void*>(&extGetSyncValues)},
+    {"eglLabelObjectKHR", reinterpret_cast<void*>(&extLabelObject)},
+    {"eglPostSubBufferNV", reinterpret_cast<void*>(&extPostSubBuffer)},
+    {"eglSwapBuffersRegionNOK", reinterpret_cast<void*>(&extSwapBuffersRegion)},
+    // The same call as the KHR one, which is in the table.
+    {"eglSwapBuffersWithDamageEXT", reinterpret_cast<void*>(&::eglSwapBuffersWithDamageKHR)},
 };
 const int kExtensionEglCount = sizeof(kExtensionEgl) / sizeof(kExtensionEgl[0]);
 
 __eglMustCastToProperFunctionPointerType impl_eglGetProcAddress(const char* name) {
     if (!name) return nullptr;
     if (name[0] == 'g' && name[1] == 'l') {
-        const PublicProc* p = bsearchProc(kam_platform_gl_procs, kam_platform_gl_proc_count, name);
-        return p ? reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc) : nullptr;
+        if (const PublicProc* p = bsearchProc(kam_platform_gl_procs, kam_platform_gl_proc_count, name))
+            return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
     }
     if (const PublicProc* p = bsearchProc(kPublicEgl, kPublicEglCount, name))
         return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
     if (const PublicProc* p = bsearchProc(kExtensionEgl, kExtensionEglCount, name))
         return reinterpret_cast<__eglMustCastToProperFunctionPointerType>(p->proc);
-    // Anything else takes no context or surface record: the driver's own.
+    // Anything else takes no context or surface record: the driver's own
+    // (also names outside OpenGL ES, which the system's EGL hands out too).
     auto getProc = driverEgl<kam_pfn_eglGetProcAddress>(android::kEgl_eglGetProcAddress);
     return getProc ? getProc(name) : nullptr;
 }
@@ -507,15 +583,13 @@ static F tableEntry(android::KamEglId id) {
     return reinterpret_cast<F>(kam_platform_egl_table[id]);
 }
 
-extern "C" {
-
+namespace {
 // Make-current: the platform points the thread's GL slot at its own table
 // first; the layer's hooks run around the table call and may re-point it at
 // the layer (attach) or at the no-context table (detach). The table entry
 // itself never touches the slot, so the layer's own make-currents on the
 // worker and the placeholder leave it alone.
-KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
-    ensureInit();
+EGLBoolean makeCurrentWithHooks(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
     void* record = liveContext(ctx);
     kam_platform_gl_slot = record ? static_cast<void*>(gDriverGlTable()) : static_cast<void*>(kam_platform_no_context_table);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPre(record, liveSurface(draw));
@@ -534,6 +608,37 @@ KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface
     EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
     return ok;
+}
+}  // namespace
+
+extern "C" {
+
+// EGL keeps the thread's binding when eglMakeCurrent fails, but the layer's
+// hooks have let go of it by the time the driver refuses: the old binding is
+// made current again the same way, and the failure's error kept for the
+// application.
+KAM_PUBLIC EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
+    ensureInit();
+    // The binding the application sees (the layer answers these while the
+    // thread is offloaded and its own placeholder is what is bound here).
+    EGLContext oldContext = tableEntry<kam_pfn_eglGetCurrentContext>(android::kEgl_eglGetCurrentContext)();
+    EGLSurface oldDraw = tableEntry<kam_pfn_eglGetCurrentSurface>(android::kEgl_eglGetCurrentSurface)(EGL_DRAW);
+    EGLSurface oldRead = tableEntry<kam_pfn_eglGetCurrentSurface>(android::kEgl_eglGetCurrentSurface)(EGL_READ);
+    EGLBoolean ok = makeCurrentWithHooks(dpy, draw, read, ctx);
+    if (ok) return ok;
+    EGLint error = tableEntry<kam_pfn_eglGetError>(android::kEgl_eglGetError)();
+    auto* old = static_cast<ContextRec*>(liveContext(oldContext));
+    if (old || oldContext == EGL_NO_CONTEXT)
+        makeCurrentWithHooks(old ? old->display : dpy, oldDraw, oldRead, oldContext);
+    tPendingError = error;
+    return ok;
+}
+
+KAM_PUBLIC EGLint eglGetError(void) {
+    EGLint pending = tPendingError;  // before ensureInit clears it
+    ensureInit();
+    EGLint error = tableEntry<kam_pfn_eglGetError>(android::kEgl_eglGetError)();
+    return pending != EGL_SUCCESS ? pending : error;
 }
 
 // The frame boundary comes before the swap is queued: the application thread
@@ -559,8 +664,12 @@ KAM_PUBLIC EGLBoolean eglDestroyContext(EGLDisplay dpy, EGLContext ctx) {
     return ok;
 }
 
+// Releasing the thread releases its context first, the way eglMakeCurrent
+// does: an offloaded thread's worker is drained before the application can
+// destroy the window.
 KAM_PUBLIC EGLBoolean eglReleaseThread(void) {
     ensureInit();
+    if (tState.context) makeCurrentWithHooks(tState.context->display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
     kam_platform_gl_slot = kam_platform_no_context_table;
     EGLBoolean ok = tableEntry<kam_pfn_eglReleaseThread>(android::kEgl_eglReleaseThread)();
     KAMManager::INSTANCE->makeCurrentPost(nullptr);
@@ -586,12 +695,26 @@ KAM_PUBLIC void kam_platform_update_mtr(int flags) {
     KAMManager::INSTANCE->updateMTR(flags);
 }
 
-// Called by the preloaded X window guard just before a window is destroyed.
-// Only the offloading thread may post to its worker, and that is the thread
-// that owns the window in every program this serves; others pass.
-KAM_PUBLIC void kam_platform_native_window_destroyed(unsigned long) {
-    android::KAMContext* c = android::activeContext();
-    if (c != nullptr && c->mWorker != nullptr) c->mWorker->postSync([] {}, "XDestroyWindow");
+// Called by the preloaded X window guard just before a window is destroyed:
+// every offloaded context whose surface is on that window has its worker
+// drained. Only a context's own thread posts to its worker, or, once that
+// thread has let go of the context (released it, or ended while it was
+// current), whichever thread destroys the window; a context current on
+// another live thread is that thread's business.
+KAM_PUBLIC void kam_platform_native_window_destroyed(unsigned long window) {
+    std::vector<android::sp<android::KAMContext>> drain;
+    {
+        std::lock_guard<std::mutex> guard(gLock);
+        for (const void* handle : gContexts) {
+            auto* r = static_cast<ContextRec*>(const_cast<void*>(handle));
+            SurfaceRec* d = findSurface(r->draw);
+            if (r->kamContext == nullptr || r->kamContext->mWorker == nullptr || !d ||
+                d->nativeWindow != reinterpret_cast<void*>(window))
+                continue;
+            if (tState.context == r || r->boundThreads == 0) drain.push_back(r->kamContext);
+        }
+    }
+    for (auto& c : drain) c->mWorker->postSync([] {}, "XDestroyWindow");
 }
 
 KAM_PUBLIC void kam_platform_record_counts(int* contexts, int* surfaces) {

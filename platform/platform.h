@@ -43,6 +43,12 @@ extern const PublicProc kPublicEgl[];
 extern const int kPublicEglCount;
 
 void ensureInit();
+// Warnings of calls that reach no driver, and the tables of entries that
+// answer them with zeros (generated with every entry point's prototype).
+void noContextCall();
+void unimplementedCall();
+void fillNoContextTable(void** table);
+void fillMissingEntries(void** table);
 void fillEglTable(void** table);
 EGLSurface unwrapSurface(EGLSurface surface);
 EGLContext unwrapContext(EGLContext context);

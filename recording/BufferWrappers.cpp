@@ -10,6 +10,17 @@
 
 using namespace android;
 
+namespace {
+
+// The indexed binding points set the generic binding as well, as in the GL:
+// maps through the generic one then find the buffer without the worker.
+bool isIndexedTarget(GLenum target) {
+    return target == GL_UNIFORM_BUFFER || target == GL_TRANSFORM_FEEDBACK_BUFFER ||
+           target == GL_SHADER_STORAGE_BUFFER || target == GL_ATOMIC_COUNTER_BUFFER;
+}
+
+}  // namespace
+
 extern "C" {
 
 // The binding is shadowed even before offload starts: apps bind their
@@ -24,19 +35,56 @@ KAM_EXPORT void kam_glBindBuffer_opt(GLenum target, GLuint buffer) {
         KAM_GL(glBindBuffer)(target, buffer);
 }
 
+KAM_EXPORT void kam_glBindBufferBase_opt(GLenum target, GLuint index, GLuint buffer) {
+    KAMContext* c = attachedContext();
+    if (c == nullptr) return KAM_GL(glBindBufferBase)(target, index, buffer);
+    if (isIndexedTarget(target)) c->mBindings.bindBuffer(target, buffer);
+    if (activeContext() != nullptr)
+        kamRecord<glBindBufferBase_Bridge>(c, target, index, buffer);
+    else
+        KAM_GL(glBindBufferBase)(target, index, buffer);
+}
+
+KAM_EXPORT void kam_glBindBufferRange_opt(GLenum target, GLuint index, GLuint buffer, GLintptr offset,
+                                          GLsizeiptr size) {
+    KAMContext* c = attachedContext();
+    if (c == nullptr) return KAM_GL(glBindBufferRange)(target, index, buffer, offset, size);
+    // A range the GL refuses binds nothing (buffer 0 takes no range).
+    if (isIndexedTarget(target) && (buffer == 0 || (offset >= 0 && size > 0))) c->mBindings.bindBuffer(target, buffer);
+    if (activeContext() != nullptr)
+        kamRecord<glBindBufferRange_Bridge>(c, target, index, buffer, offset, size);
+    else
+        KAM_GL(glBindBufferRange)(target, index, buffer, offset, size);
+}
+
 KAM_EXPORT void kam_glBindVertexArray(GLuint array) {
     KAMContext* c = attachedContext();
     if (c == nullptr) return KAM_GL(glBindVertexArray)(array);
-    c->mBindings.currentVertexArray = array;
-    // A generated name becomes a vertex-array object when it is first bound,
-    // and only then does the driver's glIsVertexArray say yes: the shadow
-    // learns names here, not at generation, to give the same answer. Names
-    // bound before the context was attached are not known.
-    if (array != 0) c->mBindings.vertexArrays.insert(array);
+    c->mBindings.bindVertexArray(array);
     if (activeContext() != nullptr)
         kamRecord<glBindVertexArray_Bridge>(c, array);
     else
         KAM_GL(glBindVertexArray)(array);
+}
+
+KAM_EXPORT void kam_glBindVertexArrayOES_opt(GLuint array) {
+    KAMContext* c = attachedContext();
+    if (c == nullptr) return KAM_GL(glBindVertexArrayOES)(array);
+    c->mBindings.bindVertexArray(array);
+    if (activeContext() != nullptr)
+        kamRecord<glBindVertexArrayOES_Bridge>(c, array);
+    else
+        KAM_GL(glBindVertexArrayOES)(array);
+}
+
+KAM_EXPORT void kam_glDeleteVertexArraysOES(GLsizei n, const GLuint* arrays) {
+    KAMContext* c = activeContext();
+    if (c == nullptr)
+        KAM_GL(glDeleteVertexArraysOES)(n, arrays);
+    else
+        c->mWorker->postSync([&] { KAM_GL(glDeleteVertexArraysOES)(n, arrays); }, "kam_glDeleteVertexArraysOES");
+    KAMContext* attached = attachedContext();
+    if (attached != nullptr && kamIsClientMemory(arrays)) attached->mBindings.deleteVertexArrays(n, arrays);
 }
 
 KAM_EXPORT void kam_glDeleteBuffers_opt(GLsizei n, const GLuint* buffers) {
@@ -58,7 +106,11 @@ KAM_EXPORT void kam_glDeleteBuffers_opt(GLsizei n, const GLuint* buffers) {
 
 KAM_EXPORT void kam_glBufferData_opt(GLenum target, GLsizeiptr size, const void* data, GLenum usage) {
     KAMContext* c = activeContext();
-    if (__builtin_expect(c == nullptr, 1)) return KAM_GL(glBufferData)(target, size, data, usage);
+    if (__builtin_expect(c == nullptr, 1)) {
+        if (KAMContext* attached = attachedContext()) attached->mBindings.bufferData(target, size);
+        return KAM_GL(glBufferData)(target, size, data, usage);
+    }
+    c->mBindings.bufferData(target, size);
     if (kamIsClientMemory(data)) {
         void* copy = size >= 1 ? c->mMemory.malloc(static_cast<size_t>(size), data) : nullptr;
         if (copy == nullptr) {
@@ -93,7 +145,11 @@ KAM_EXPORT void* kam_glMapBufferRange_opt(GLenum target, GLintptr offset, GLsize
         return c->mWorker->postSync([&] { return KAM_GL(glMapBufferRange)(target, offset, length, access); },
                                     "kam_glMapBufferRange_opt");
     BufferInfo* info = mi->info;
-    if (info->directMapped) return KAM_GL(glMapBufferRange)(target, offset, length, access);
+    if (info->directMapped) {
+        void* mapped = KAM_GL(glMapBufferRange)(target, offset, length, access);
+        if (mapped == nullptr) c->mBindings.directMapFailed(target, info);
+        return mapped;
+    }
     kamRecord<glMapBufferRange_Bridge>(c, target, offset, length, access, c, *mi);
     return info->shadow + offset;
 }
@@ -108,6 +164,13 @@ KAM_EXPORT void kam_glFlushMappedBufferRange_opt(GLenum target, GLintptr offset,
         return;
     }
     if (mi->info->directMapped) return KAM_GL(glFlushMappedBufferRange)(target, offset, length);
+    if (mi->wait) {
+        // No arena for the bytes: the worker copies from the shadow block
+        // while the caller keeps off it.
+        glFlushMappedBufferRange_Bridge now(target, offset, length, c, *mi);
+        c->mWorker->postSync([&] { now.run(); }, "kam_glFlushMappedBufferRange_opt");
+        return;
+    }
     kamRecord<glFlushMappedBufferRange_Bridge>(c, target, offset, length, c, *mi);
 }
 
@@ -122,6 +185,11 @@ KAM_EXPORT GLboolean kam_glUnmapBuffer_opt(GLenum target) {
         KAM_GL(glUnmapBuffer)(target);
         KAM_GL(glBindBuffer)(target, 0);
         info->directMapped = 0;
+        return GL_TRUE;
+    }
+    if (mi->wait) {
+        glUnmapBuffer_Bridge now(target, c, *mi);
+        c->mWorker->postSync([&] { now.run(); }, "kam_glUnmapBuffer_opt");
         return GL_TRUE;
     }
     kamRecord<glUnmapBuffer_Bridge>(c, target, c, *mi);

@@ -264,6 +264,7 @@ KAM_EXPORT void kam_glGenVertexArrays_opt(GLsizei n, GLuint* arrays) {
     // Names are only written into client memory; the driver judges the rest.
     if (!kamIsClientMemory(arrays) || !c->mCaches.getCaches(GLCaches::kVertexArrays, n, arrays))
         c->mWorker->postSync([&] { KAM_GL(glGenVertexArrays)(n, arrays); }, "kam_glGenVertexArrays_opt");
+    if (kamIsClientMemory(arrays)) c->mBindings.vertexArraysGenerated(n, arrays);
 }
 
 KAM_EXPORT void kam_glGenTransformFeedbacks_opt(GLsizei n, GLuint* ids) {
@@ -286,11 +287,7 @@ KAM_EXPORT void kam_glDeleteVertexArrays_opt(GLsizei n, const GLuint* arrays) {
     }
     KAMContext* attached = attachedContext();
     if (attached == nullptr || !kamIsClientMemory(arrays)) return;
-    Bindings& b = attached->mBindings;
-    for (GLsizei i = 0; i < n; ++i) {
-        b.vertexArrays.erase(arrays[i]);
-        if (arrays[i] == b.currentVertexArray) b.currentVertexArray = 0;
-    }
+    attached->mBindings.deleteVertexArrays(n, arrays);
 }
 
 #define KAM_DELETE_WRAPPER(NAME)                                                                               \

@@ -13,6 +13,24 @@ KAMContext::KAMContext(void* eglContext, bool clientArrays)
     PlatformContextRecord* record = contextRecord(eglContext);
     record->kamContext = this;
     mDisplay = record->display;
+    // State the shadow cannot know is asked in call order: on the worker
+    // while offloaded, else on the calling thread, which then holds the real
+    // context.
+    mBindings.askDriver = [this](GLenum target, GLenum pname) -> int64_t {
+        GLint64 value = 0;
+        auto ask = [&] {
+            if (target != 0) return KAM_GL(glGetBufferParameteri64v)(target, pname, &value);
+            GLint v = 0;
+            KAM_GL(glGetIntegerv)(pname, &v);
+            value = v;
+        };
+        if (mActive && mWorker != nullptr)
+            mWorker->postSync(ask, "kam_askDriver");
+        else
+            ask();
+        return value;
+    };
+    mBindings.keepBytes = [this](size_t bytes, const void* src) { return mMemory.malloc(bytes, src); };
 }
 
 KAMContext::~KAMContext() {

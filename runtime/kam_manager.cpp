@@ -45,7 +45,9 @@ bool isWindowSurface(void* surface) {
 }  // namespace
 
 void KAMManager::initMTR(std::string name, bool debuggable, std::string args) {
-    mEnabled = !KAMLoader::getInstance()->mMissingEntries;
+    KAMLoader* loader = KAMLoader::getInstance();
+    mEnabled = loader->mInitialised && !loader->mMissingEntries;
+    if (!mEnabled) KAM_LOGE("initMTR %s: the layer's dispatch tables are incomplete, offload stays off", name.c_str());
     mName = name;
     std::vector<std::string> tokens = splitArgs(args);
     if (!tokens.empty() && tokens[0] == "1") mClientArrays = true;
@@ -88,6 +90,12 @@ bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
     if (eglContext != prev && prevK != nullptr) {
         KAM_LOGD("<%s> EGLContext is changed tls_ctx=%p set_ctx=%p", tls->mName.c_str(), prev, eglContext);
         prevK->mTls.clear();
+        // A context the layer does not shadow takes the thread away from the
+        // previous one: left attached, the thread would feed that context's
+        // meter with this one's frames and keep a pointer its destruction can
+        // no longer clear. An offloaded one is let go by the platform's
+        // make-current, which drains its worker first.
+        if (kctx == nullptr && !prevK->mActive) tls->attachContext(nullptr);
     }
     if (kctx != nullptr) tls->attachContext(kctx.get());
     return true;
@@ -106,10 +114,13 @@ void KAMManager::startMTR(KAMContext* ctx, sp<KAMThreadLocal> tls) {
     PlatformContextRecord* record = contextRecord(ctx->mEglContext);
     if (ctx->mActive || !isWindowSurface(record->draw)) return;
     if (ctx->mWorker == nullptr) {
-        if (ctx->mFps.detectMTR()) {
+        // One worker per process: contexts measured side by side may all
+        // agree; the first to take the flag starts, the others keep passing
+        // through. Only a context that took it has a worker, so only that one
+        // gives it back when it dies.
+        bool idle = false;
+        if (ctx->mFps.detectMTR() && mWorkerRunning.compare_exchange_strong(idle, true, std::memory_order_acq_rel))
             ctx->startWorker();
-            mWorkerRunning.store(true, std::memory_order_release);
-        }
         return;
     }
     if (!ctx->mMemory.mBase || ctx->mPlaceholderContext == EGL_NO_CONTEXT) return;

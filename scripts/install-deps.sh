@@ -14,6 +14,9 @@ PACKAGES=(
   khronos-api
   # windows without a screen, and real GLES programs to run through the layer
   xvfb xauth mesa-utils-bin glmark2-es2-x11
+  # the compatibility suite: more real programs, a GL tracer and replayer,
+  # and the X server's image of the screen
+  mpv apitrace libsdl2-tests x11-apps netpbm
   # the demo's PNG output
   libpng-dev
   # tests and benchmarks

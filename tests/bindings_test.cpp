@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,36 +22,66 @@ namespace {
 
 constexpr uint8_t kUntouched = 0xEE;
 
-// A driver that keeps buffer contents per name and bindings per thread (each
-// thread stands for its own context sharing the buffers).
+// A driver that keeps buffer contents per name, bindings per thread (each
+// thread stands for its own context sharing the buffers) and the element
+// buffer per vertex array. Its glDrawArrays(mode, first, count) stands for a
+// draw that reads buffer `first`: it keeps a copy of what the buffer holds.
 class FakeBuffers {
 public:
     FakeBuffers() {
-        fake::setHandler("glBindBuffer", [this](const fake::Call& c) {
-            bound()[static_cast<GLenum>(c.args[0])] = static_cast<GLuint>(c.args[1]);
+        auto bind = [this](const fake::Call& c) {
+            std::lock_guard<std::mutex> g(lock);
+            slot(static_cast<GLenum>(c.args[0])) = static_cast<GLuint>(c.args[c.args.size() == 2 ? 1 : 2]);
+            return 0;
+        };
+        for (const char* name : {"glBindBuffer", "glBindBufferBase", "glBindBufferRange"}) fake::setHandler(name, bind);
+        for (const char* name : {"glBindVertexArray", "glBindVertexArrayOES"})
+            fake::setHandler(name, [](const fake::Call& c) {
+                vao() = static_cast<GLuint>(c.args[0]);
+                return 0;
+            });
+        fake::setHandler("glGenVertexArrays", [this](const fake::Call& c) {
+            for (uint64_t i = 0; i < c.args[0]; ++i) reinterpret_cast<GLuint*>(c.args[1])[i] = nextVao++;
+            return 0;
+        });
+        fake::setHandler("glGetIntegerv", [this](const fake::Call& c) {
+            std::lock_guard<std::mutex> g(lock);
+            if (c.args[0] == GL_ELEMENT_ARRAY_BUFFER_BINDING)
+                *reinterpret_cast<GLint*>(c.args[1]) = static_cast<GLint>(elements[vao()]);
             return 0;
         });
         fake::setHandler("glBufferData", [this](const fake::Call& c) {
             std::lock_guard<std::mutex> g(lock);
-            auto& store = data[bound()[static_cast<GLenum>(c.args[0])]];
+            auto& store = data[slot(static_cast<GLenum>(c.args[0]))];
             store.assign(c.args[1], kUntouched);
             if (c.args[2] != 0) memcpy(store.data(), reinterpret_cast<const void*>(c.args[2]), c.args[1]);
             return 0;
         });
-        fake::setHandler("glGetBufferParameteriv", [this](const fake::Call& c) {
-            std::lock_guard<std::mutex> g(lock);
-            GLuint b = bound()[static_cast<GLenum>(c.args[0])];
-            if (b != 0 && c.args[1] == GL_BUFFER_SIZE)
-                *reinterpret_cast<GLint*>(c.args[2]) = static_cast<GLint>(data[b].size());
-            return 0;
-        });
+        for (bool wide : {false, true})
+            fake::setHandler(wide ? "glGetBufferParameteri64v" : "glGetBufferParameteriv",
+                             [this, wide](const fake::Call& c) {
+                                 std::lock_guard<std::mutex> g(lock);
+                                 GLuint b = slot(static_cast<GLenum>(c.args[0]));
+                                 if (b == 0 || c.args[1] != GL_BUFFER_SIZE) return 0;
+                                 if (wide)
+                                     *reinterpret_cast<GLint64*>(c.args[2]) = static_cast<GLint64>(data[b].size());
+                                 else
+                                     *reinterpret_cast<GLint*>(c.args[2]) = static_cast<GLint>(data[b].size());
+                                 return 0;
+                             });
         fake::setHandler("glMapBufferRange", [this](const fake::Call& c) -> uint64_t {
             std::lock_guard<std::mutex> g(lock);
-            GLuint b = bound()[static_cast<GLenum>(c.args[0])];
-            if (b == 0 || data[b].size() < c.args[1] + c.args[2]) return 0;
+            GLuint b = slot(static_cast<GLenum>(c.args[0]));
+            const auto offset = static_cast<int64_t>(c.args[1]), length = static_cast<int64_t>(c.args[2]);
+            if (b == 0 || offset < 0 || length < 1 || static_cast<int64_t>(data[b].size()) - offset < length) return 0;
             return reinterpret_cast<uintptr_t>(data[b].data() + c.args[1]);
         });
         fake::setHandler("glUnmapBuffer", [](const fake::Call&) -> uint64_t { return GL_TRUE; });
+        fake::setHandler("glDrawArrays", [this](const fake::Call& c) {
+            std::lock_guard<std::mutex> g(lock);
+            drawn.push_back(data[static_cast<GLuint>(c.args[1])]);
+            return 0;
+        });
     }
     ~FakeBuffers() { fake::clearHandlers(); }
 
@@ -63,9 +94,17 @@ public:
         static thread_local std::map<GLenum, GLuint> perThread;
         return perThread;
     }
+    static GLuint& vao() {
+        static thread_local GLuint perThread = 0;
+        return perThread;
+    }
+    GLuint& slot(GLenum target) { return target == GL_ELEMENT_ARRAY_BUFFER ? elements[vao()] : bound()[target]; }
 
     std::mutex lock;
     std::map<GLuint, std::vector<uint8_t>> data;
+    std::map<GLuint, GLuint> elements;  // by vertex array
+    std::vector<std::vector<uint8_t>> drawn;
+    GLuint nextVao = 300;
 };
 
 class BindingsTest : public ::testing::Test {
@@ -74,6 +113,7 @@ protected:
         support::clearLog();
         fake::reset();
         FakeBuffers::bound().clear();
+        FakeBuffers::vao() = 0;
         self = pthread_self();
     }
 
@@ -163,20 +203,179 @@ TEST_F(BindingsTest, WrittenMappingsReachTheDriverByteForByte) {
     }
 }
 
-// The shadow block is reused by the next mapping; a second map of another
-// range must copy only its own range.
-TEST_F(BindingsTest, RemappingCopiesOnlyTheNewRange) {
-    makeBuffer(GL_ARRAY_BUFFER, 3, 64);
-    auto* p = static_cast<uint8_t*>(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 64, GL_MAP_WRITE_BIT));
-    memset(p, 0x11, 64);
-    kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
-    p = static_cast<uint8_t*>(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 40, 8, GL_MAP_WRITE_BIT));
-    memset(p, 0x22, 8);
+struct MapStep {
+    GLenum target;
+    GLuint buffer;
+    int bindBy;  // 0 glBindBuffer, 1 glBindBufferBase, 2 glBindBufferRange
+    GLintptr offset;
+    GLsizeiptr length;
+    GLbitfield access;
+    uint8_t fill;
+    std::vector<Range> flushes;  // relative to the mapped range
+};
+
+// Several mappings in one frame, each drawn from before the next: every draw
+// sees what the driver holds at that point, through whichever binding point
+// the buffer was bound, and no mapping waits for the worker.
+TEST_F(BindingsTest, EveryDrawSeesItsOwnMapping) {
+    const GLbitfield W = GL_MAP_WRITE_BIT, X = GL_MAP_FLUSH_EXPLICIT_BIT,
+                     U = GL_MAP_UNSYNCHRONIZED_BIT | GL_MAP_INVALIDATE_RANGE_BIT;
+    const GLenum A = GL_ARRAY_BUFFER, UB = GL_UNIFORM_BUFFER;
+    const struct {
+        const char* name;
+        std::vector<MapStep> steps;
+    } cases[] = {
+        {"the block reused for another range", {{A, 49, 0, 0, 64, W, 0x11, {}}, {A, 49, 0, 40, 8, W, 0x22, {}}}},
+        {"one buffer twice, the second invalidating",
+         {{A, 50, 0, 0, 64, W, 0xAA, {}}, {A, 50, 0, 0, 64, W | GL_MAP_INVALIDATE_BUFFER_BIT, 0xBB, {}}}},
+        {"two uniform buffers bound by index", {{UB, 51, 1, 0, 64, W, 0xAA, {}}, {UB, 52, 1, 0, 64, W, 0xBB, {}}}},
+        {"unsynchronized ring",
+         {{A, 53, 0, 0, 16, W | U, 0x11, {}},
+          {A, 53, 0, 16, 16, W | U, 0x22, {}},
+          {A, 53, 0, 32, 16, W | U, 0x33, {}},
+          {A, 53, 0, 48, 16, W | U, 0x44, {}}}},
+        {"explicit flushes, mapped twice", {{A, 54, 0, 0, 64, W | X, 0x55, {{0, 8}}}, {A, 54, 0, 0, 64, W | X, 0x66, {{8, 8}}}}},
+        {"indexed targets",
+         {{GL_TRANSFORM_FEEDBACK_BUFFER, 55, 2, 0, 64, W, 0x71, {}},
+          {GL_SHADER_STORAGE_BUFFER, 56, 2, 0, 64, W, 0x72, {}},
+          {GL_ATOMIC_COUNTER_BUFFER, 57, 1, 0, 64, W, 0x73, {}},
+          {UB, 58, 2, 16, 32, W, 0x74, {}}}},
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        std::map<GLuint, std::vector<uint8_t>> model;
+        for (const MapStep& s : tc.steps) {
+            makeBuffer(s.target, s.buffer, 64);
+            model[s.buffer].assign(64, kUntouched);
+        }
+        // Only the binding calls below say what is bound.
+        for (const MapStep& s : tc.steps) kam_glBindBuffer_opt(s.target, 0);
+        support::clearLog();
+        driver.drawn.clear();
+        std::vector<std::vector<uint8_t>> expected;
+        for (const MapStep& s : tc.steps) {
+            if (s.bindBy == 0) kam_glBindBuffer_opt(s.target, s.buffer);
+            if (s.bindBy == 1) kam_glBindBufferBase_opt(s.target, 0, s.buffer);
+            if (s.bindBy == 2) kam_glBindBufferRange_opt(s.target, 0, s.buffer, 0, 64);
+            auto* p = static_cast<uint8_t*>(kam_glMapBufferRange_opt(s.target, s.offset, s.length, s.access));
+            ASSERT_NE(p, nullptr);
+            memset(p, s.fill, static_cast<size_t>(s.length));
+            for (const Range& f : s.flushes) kam_glFlushMappedBufferRange_opt(s.target, f.offset, f.length);
+            kam_glUnmapBuffer_opt(s.target);
+            kam_glDrawArrays_opt(GL_POINTS, static_cast<GLint>(s.buffer), 1);
+            std::vector<uint8_t>& m = model[s.buffer];
+            if (s.flushes.empty()) memset(m.data() + s.offset, s.fill, static_cast<size_t>(s.length));
+            for (const Range& f : s.flushes) memset(m.data() + s.offset + f.offset, s.fill, static_cast<size_t>(f.length));
+            expected.push_back(m);
+        }
+        ctx.drain();
+        EXPECT_EQ(driver.drawn, expected);
+        EXPECT_EQ(support::countLog("glMapBufferRange :"), 0);
+    }
+}
+
+// Only ranges inside the buffer get shadow memory; the driver's size is
+// asked when not known, and the driver answers the rest on the calling
+// thread, where the application reads its errors.
+TEST_F(BindingsTest, RangesPastTheEndGetTheDriversAnswer) {
+    makeBuffer(GL_ARRAY_BUFFER, 60, 64);
+    const uint64_t before = bindings().allocatedBytes;
+    const struct {
+        GLintptr offset;
+        GLsizeiptr length;
+        bool served;
+    } cases[] = {{0, 65, false}, {0xF0000000, 16, false}, {-1, 8, false}, {60, 8, false},
+                 {0, 64, true},  {16, 48, true},          {0, 65, false}};
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.offset);
+        SCOPED_TRACE(tc.length);
+        fake::reset();
+        void* p = kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, tc.offset, tc.length, GL_MAP_WRITE_BIT);
+        std::vector<fake::Call> here = callsOn(self);
+        EXPECT_EQ(p != nullptr, tc.served);
+        if (tc.served) {
+            EXPECT_TRUE(here.empty());
+            kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
+        } else {
+            ASSERT_EQ(here.size(), 3u);
+            EXPECT_EQ(here[0].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 60}));
+            EXPECT_EQ(here[1].name, "glMapBufferRange");
+            EXPECT_EQ(here[2].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 0}));
+        }
+        EXPECT_LE(bindings().allocatedBytes - before, 64u);
+        ctx.drain();
+    }
+    // A size set through the layer is known without asking.
+    std::vector<uint8_t> bigger(128, kUntouched);
+    kam_glBufferData_opt(GL_ARRAY_BUFFER, 128, bigger.data(), GL_DYNAMIC_DRAW);
+    fake::reset();
+    EXPECT_NE(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 64, 64, GL_MAP_WRITE_BIT), nullptr);
     kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
     ctx.drain();
-    std::vector<uint8_t> expected(64, 0x11);
-    memset(expected.data() + 40, 0x22, 8);
-    EXPECT_EQ(driver.contents(3), expected);
+    for (const fake::Call& c : fake::calls()) EXPECT_EQ(c.name.find("glGetBufferParameter"), std::string::npos);
+}
+
+enum VaoOp { kBindVao, kBindVaoOes, kBindElements, kDeleteVao, kDeleteVaoOes };
+
+struct ElementCase {
+    const char* name;
+    // Vertex-array ops take an index into the case's vertex arrays (-1: the
+    // default one); kBindElements takes a buffer name.
+    std::vector<std::pair<VaoOp, int>> ops;
+    bool indicesAreOffset;
+    int driverAsks;
+};
+
+// The element-array binding is part of each vertex array: a draw's index
+// pointer is an offset exactly when the drawn vertex array has an element
+// buffer, and the driver is asked once about a vertex array made before the
+// context was attached.
+TEST_F(BindingsTest, ElementBufferFollowsTheVertexArray) {
+    const ElementCase cases[] = {
+        {"kept by its vertex array while the default one drops it",
+         {{kBindVao, 0}, {kBindElements, 5}, {kBindVao, -1}, {kBindElements, 0}, {kBindVao, 0}}, true, 0},
+        {"the default one's buffer is not the drawn one's", {{kBindElements, 5}, {kBindVao, 0}}, false, 0},
+        {"through the OES names",
+         {{kBindVaoOes, 0}, {kBindElements, 5}, {kBindVaoOes, -1}, {kBindElements, 0}, {kBindVaoOes, 0}}, true, 0},
+        {"deleting the bound one falls back to the default",
+         {{kBindElements, 5}, {kBindVao, 1}, {kBindElements, 0}, {kDeleteVao, 1}}, true, 0},
+        {"the same through the OES delete",
+         {{kBindElements, 5}, {kBindVao, 1}, {kBindElements, 0}, {kDeleteVaoOes, 1}}, true, 0},
+        {"made before the context was attached", {{kBindVao, 2}}, true, 1},
+        {"made before, set since", {{kBindVao, 2}, {kBindElements, 0}}, false, 0},
+    };
+    driver.elements[77] = 5;
+    const GLushort indices[3] = {0, 1, 2};
+    for (const ElementCase& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        GLuint vaos[3] = {0, 0, 77};
+        kam_glGenVertexArrays_opt(2, vaos);
+        kam_glBindVertexArray(0);
+        kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
+        ctx.drain();
+        fake::reset();
+        for (const auto& op : tc.ops) {
+            const GLuint vao = op.second < 0 ? 0 : vaos[op.second];
+            switch (op.first) {
+                case kBindVao: kam_glBindVertexArray(vao); break;
+                case kBindVaoOes: kam_glBindVertexArrayOES_opt(vao); break;
+                case kBindElements: kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, static_cast<GLuint>(op.second)); break;
+                case kDeleteVao: kam_glDeleteVertexArrays_opt(1, &vao); break;
+                case kDeleteVaoOes: kam_glDeleteVertexArraysOES(1, &vao); break;
+            }
+        }
+        for (int draw = 0; draw < 2; ++draw) kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, indices);
+        ctx.drain();
+        int draws = 0, asks = 0;
+        for (const fake::Call& c : fake::calls()) {
+            if (c.name == "glGetIntegerv") ++asks;
+            if (c.name != "glDrawElements") continue;
+            ++draws;
+            EXPECT_EQ(c.args[3] == reinterpret_cast<uintptr_t>(indices), tc.indicesAreOffset);
+        }
+        EXPECT_EQ(draws, 2);
+        EXPECT_EQ(asks, tc.driverAsks);
+    }
 }
 
 struct FallbackCase {
@@ -304,9 +503,7 @@ TEST_F(BindingsTest, ShadowGrowsToTheSizeTheDriverKeeps) {
     ctx.drain();
     fake::reset();
     auto* q = static_cast<uint8_t*>(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 100, 100, GL_MAP_WRITE_BIT));
-    std::vector<fake::Call> calls = fake::calls();
-    ASSERT_EQ(calls.size(), 3u) << "the size is asked on the calling thread";
-    EXPECT_EQ(calls[1].name, "glGetBufferParameteriv");
+    EXPECT_TRUE(fake::calls().empty()) << "the size was learnt at the first map";
     EXPECT_EQ(bindings().getBufferInfo(GL_ARRAY_BUFFER)->capacity, 1000u);
     EXPECT_EQ(bindings().allocatedBytes - before, 1000u);
     memset(q, 0x5A, 100);
@@ -363,6 +560,10 @@ protected:
     void SetUp() override {
         support::initLayer();
         support::clearLog();
+        b.keepBytes = [this](size_t n, const void* src) -> void* {
+            auto* from = static_cast<const uint8_t*>(src);
+            return kept.emplace_back(from, from + n).data();
+        };
     }
     // A mapped-and-unmapped buffer whose shadow block holds bytes bytes.
     void addBlock(GLuint name, uint32_t bytes, uint32_t frame, bool keepMapped = false) {
@@ -377,6 +578,7 @@ protected:
         b.unmapBufferPost(GL_ARRAY_BUFFER, &copy);
     }
     Bindings b;
+    std::deque<std::vector<uint8_t>> kept;  // what flushes and unmaps hand the worker
 };
 
 struct TrimCase {
@@ -427,16 +629,15 @@ TEST_F(TrimTest, BusyBlocksStay) {
 
 // Random maps, writes, flushes, unmaps, deletes and frame boundaries over a
 // few buffers, with the worker's halves run at random points later, checked
-// against a model of what the driver's memory must hold.
+// against a model of what the driver's memory must hold: each flush and
+// unmap lands the bytes the app had written when it made the call.
 TEST_F(TrimTest, RandomSequencesMatchAModel) {
     static constexpr GLuint kBuffers = 3;
     static constexpr uint32_t kSize = 512;
     struct Model {
         std::vector<uint8_t> real = std::vector<uint8_t>(kSize, 0);
-        // What the app wrote into the current record's block, by buffer
-        // offset; a deleted record keeps its own for the commands in flight.
-        std::shared_ptr<std::vector<uint8_t>> app = std::make_shared<std::vector<uint8_t>>(kSize, 0);
-        bool mapped = false;
+        std::vector<uint8_t> app = std::vector<uint8_t>(kSize, 0);  // by buffer offset
+        bool mapped = false, flushed = false;
         uint8_t* pointer = nullptr;
         uint32_t offset = 0, length = 0;
         GLbitfield access = 0;
@@ -445,34 +646,27 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
     std::vector<uint8_t> driver[kBuffers + 1];
     for (auto& d : driver) d.assign(kSize, 0);
 
-    // Commands waiting for the worker, in order.
+    // Commands waiting for the worker, in order, with the bytes they land at
+    // buffer offset `at` (none: nothing lands).
     struct Pending {
         int kind;  // 0 map, 1 flush, 2 unmap
         GLuint buffer;
         MappedInfo mi;
         uint32_t offset, length;
-        std::shared_ptr<std::vector<uint8_t>> app;
+        uint32_t at;
+        std::vector<uint8_t> bytes;
     };
-    std::vector<Pending> queue;
+    std::deque<Pending> queue;
     auto replayOne = [&] {
         Pending p = queue.front();
-        queue.erase(queue.begin());
-        Model& m = model[p.buffer];
-        if (p.kind == 0) {
-            b.mapBufferRangePost(GL_ARRAY_BUFFER, &p.mi, driver[p.buffer].data() + p.mi.offset);
-        } else if (p.kind == 1) {
-            const bool lands = (p.mi.access & GL_MAP_FLUSH_EXPLICIT_BIT) && p.offset + p.length <= p.mi.length;
-            b.flushMappedBufferRangePost(GL_ARRAY_BUFFER, p.offset, p.length, &p.mi);
-            if (lands) {
-                const uint32_t at = p.mi.offset + p.offset;
-                memcpy(m.real.data() + at, p.app->data() + at, p.length);
-            }
-        } else {
-            const bool flushed = p.mi.info->flushed;
-            b.unmapBufferPost(GL_ARRAY_BUFFER, &p.mi);
-            if (!((p.mi.access & GL_MAP_FLUSH_EXPLICIT_BIT) && flushed))
-                memcpy(m.real.data() + p.mi.offset, p.app->data() + p.mi.offset, p.mi.length);
-        }
+        queue.pop_front();
+        if (p.kind == 0) b.mapBufferRangePost(GL_ARRAY_BUFFER, &p.mi, driver[p.buffer].data() + p.mi.offset);
+        if (p.kind == 1) b.flushMappedBufferRangePost(GL_ARRAY_BUFFER, p.offset, p.length, &p.mi);
+        if (p.kind == 2) b.unmapBufferPost(GL_ARRAY_BUFFER, &p.mi);
+        std::copy(p.bytes.begin(), p.bytes.end(), model[p.buffer].real.begin() + p.at);
+    };
+    auto appBytes = [&](const Model& m, uint32_t at, uint32_t n) {
+        return std::vector<uint8_t>(m.app.begin() + at, m.app.begin() + at + n);
     };
 
     std::mt19937 rng(20240611);
@@ -496,19 +690,19 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
                 }
                 ASSERT_NE(mi, nullptr);
                 m.mapped = true;
+                m.flushed = false;
                 m.pointer = mi->info->shadow + offset;
                 m.offset = offset;
                 m.length = length;
                 m.access = access;
-                for (uint32_t i = 0; i < length; ++i) (*m.app)[offset + i] = m.pointer[i] = static_cast<uint8_t>(rng());
-                queue.push_back({0, current, *mi, 0, 0, m.app});
+                for (uint32_t i = 0; i < length; ++i) m.app[offset + i] = m.pointer[i] = static_cast<uint8_t>(rng());
+                queue.push_back({0, current, *mi, 0, 0, 0, {}});
                 break;
             }
             case 2:  // write part of the mapping
                 if (m.mapped) {
                     const uint32_t at = pick(m.length), n = 1 + pick(m.length - at);
-                    for (uint32_t i = 0; i < n; ++i)
-                        (*m.app)[m.offset + at + i] = m.pointer[at + i] = static_cast<uint8_t>(rng());
+                    for (uint32_t i = 0; i < n; ++i) m.app[m.offset + at + i] = m.pointer[at + i] = static_cast<uint8_t>(rng());
                 }
                 break;
             case 3: {  // flush, sometimes past the end
@@ -519,7 +713,10 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
                     break;
                 }
                 ASSERT_NE(mi, nullptr);
-                queue.push_back({1, current, *mi, at, n, m.app});
+                const bool lands = (m.access & GL_MAP_FLUSH_EXPLICIT_BIT) && at + n <= m.length;
+                m.flushed = m.flushed || lands;
+                queue.push_back({1, current, *mi, at, n, m.offset + at,
+                                 lands ? appBytes(m, m.offset + at, n) : std::vector<uint8_t>()});
                 break;
             }
             case 4: {  // unmap
@@ -530,7 +727,9 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
                 }
                 ASSERT_NE(mi, nullptr);
                 m.mapped = false;
-                queue.push_back({2, current, *mi, 0, 0, m.app});
+                const bool lands = !((m.access & GL_MAP_FLUSH_EXPLICIT_BIT) && m.flushed);
+                queue.push_back({2, current, *mi, 0, 0, m.offset,
+                                 lands ? appBytes(m, m.offset, m.length) : std::vector<uint8_t>()});
                 break;
             }
             case 5:  // the worker catches up a little
@@ -539,6 +738,7 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
             case 6:  // frame boundary: everything queued has run
                 while (!queue.empty()) replayOne();
                 b.swapBuffer();
+                kept.clear();
                 EXPECT_TRUE(b.pendingFree.empty());
                 break;
             case 7:  // delete now and then, rebinding the name
@@ -546,7 +746,6 @@ TEST_F(TrimTest, RandomSequencesMatchAModel) {
                     b.deleteBuffers(1, &current);
                     EXPECT_EQ(b.getBindingBuffer(GL_ARRAY_BUFFER), 0u);
                     m.mapped = false;  // the app's mapping is gone with the record
-                    m.app = std::make_shared<std::vector<uint8_t>>(kSize, 0);
                     b.bindBuffer(GL_ARRAY_BUFFER, current);
                 }
                 break;

@@ -219,6 +219,10 @@ protected:
             *reinterpret_cast<GLint*>(c.args[2]) = 4096;
             return 0;
         });
+        fake::setHandler("glGetBufferParameteri64v", [](const fake::Call& c) -> uint64_t {
+            *reinterpret_cast<GLint64*>(c.args[2]) = 4096;
+            return 0;
+        });
         fake::setHandler("glMapBufferRange", [](const fake::Call&) -> uint64_t { return 0; });
         fake::setHandler("glUnmapBuffer", [](const fake::Call&) -> uint64_t { return GL_FALSE; });
         fake::reset();

@@ -5,6 +5,9 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <memory>
 #include <thread>
 #include <string>
@@ -16,6 +19,20 @@
 #include "support.h"
 
 using android::KAMLoader;
+
+namespace {
+std::atomic<bool> gSelfOpenFails{false};
+}  // namespace
+
+// The loader opens its own library to look its entry points up; this
+// definition in the executable comes before the C library's for the whole
+// process, so a test can make that one open fail.
+extern "C" void* dlopen(const char* path, int mode) {
+    using Open = void* (*)(const char*, int);
+    static const Open next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "dlopen"));
+    if (gSelfOpenFails.load() && path && strcmp(path, android::kamLibraryPath()) == 0) return nullptr;
+    return next(path, mode);
+}
 
 namespace {
 
@@ -36,7 +53,19 @@ int position(const char* const* names, const std::string& name) {
 
 class LoaderTest : public ::testing::Test {
 protected:
-    void SetUp() override { support::clearLog(); }
+    void SetUp() override {
+        support::clearLog();
+        std::copy(std::begin(android::gOriginGl), std::end(android::gOriginGl), originGl.begin());
+        std::copy(std::begin(android::gOriginEgl), std::end(android::gOriginEgl), originEgl.begin());
+    }
+    // The origin entries every wrapper calls belong to the process's loader:
+    // a private one must leave them as they were, whatever it was given.
+    void TearDown() override {
+        EXPECT_TRUE(std::equal(originGl.begin(), originGl.end(), std::begin(android::gOriginGl)));
+        EXPECT_TRUE(std::equal(originEgl.begin(), originEgl.end(), std::begin(android::gOriginEgl)));
+    }
+    std::vector<void*> originGl = std::vector<void*>(android::kKamGlCount);
+    std::vector<void*> originEgl = std::vector<void*>(android::kKamEglCount);
     std::unique_ptr<KAMLoader> loader = std::make_unique<KAMLoader>();
     Tables tables;
 };
@@ -112,6 +141,18 @@ TEST_F(LoaderTest, MissingNameFallsBackToOriginAndWarns) {
             EXPECT_EQ(l.priority, ANDROID_LOG_WARN);
         }
     }
+}
+
+TEST_F(LoaderTest, LibraryThatCannotBeOpenedKeepsOffloadOff) {
+    gSelfOpenFails = true;
+    loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, nullptr);
+    gSelfOpenFails = false;
+    EXPECT_TRUE(loader->mInitialised);
+    EXPECT_TRUE(loader->mMissingEntries);
+    EXPECT_EQ(loader->mKamGl[0], nullptr);
+    EXPECT_EQ(support::countLog("Can't open the layer's own library"), 1);
+    for (const auto& l : support::logLines())
+        if (l.text.find("Can't open") != std::string::npos) EXPECT_EQ(l.priority, ANDROID_LOG_ERROR);
 }
 
 TEST_F(LoaderTest, EglSwitchCopiesOnceAndOnlyOnce) {

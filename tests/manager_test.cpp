@@ -264,20 +264,29 @@ TEST_F(ManagerInitTest, ArgumentTokens) {
 
 TEST_F(ManagerInitTest, MissingEntryPointKeepsOffloadOff) {
     const bool saved = loader->mMissingEntries;
-    loader->mMissingEntries = true;
     struct Row {
         const char* args;
         bool clientArrays;
     } rows[] = {{"", false}, {"1", true}, {"0|0", false}, {"1|0", true}};
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.args);
-        manager->mClientArrays = false;
-        support::clearLog();
-        manager->initMTR("proc.name", false, r.args);
-        EXPECT_FALSE(manager->mEnabled);
-        EXPECT_EQ(manager->mClientArrays, r.clientArrays);  // the other setting still applies
-        EXPECT_EQ(exactLog(std::string("initMTR proc.name 0 args=") + r.args + " debuggable=0", ANDROID_LOG_DEBUG), 1);
+    // Tables with a hole, or a loader that never got any.
+    for (bool initialised : {true, false}) {
+        loader->mMissingEntries = initialised;
+        loader->mInitialised = initialised;
+        for (const Row& r : rows) {
+            SCOPED_TRACE(std::string(r.args) + (initialised ? " missing entry" : " loader not initialised"));
+            manager->mClientArrays = false;
+            support::clearLog();
+            manager->initMTR("proc.name", false, r.args);
+            EXPECT_FALSE(manager->mEnabled);
+            EXPECT_EQ(manager->mClientArrays, r.clientArrays);  // the other setting still applies
+            EXPECT_EQ(exactLog(std::string("initMTR proc.name 0 args=") + r.args + " debuggable=0", ANDROID_LOG_DEBUG),
+                      1);
+            EXPECT_EQ(exactLog("initMTR proc.name: the layer's dispatch tables are incomplete, offload stays off",
+                               ANDROID_LOG_ERROR),
+                      1);
+        }
     }
+    loader->mInitialised = true;
     loader->mMissingEntries = saved;
     manager->initMTR("proc.name", false, "");
     EXPECT_TRUE(manager->mEnabled);
@@ -386,6 +395,54 @@ TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
         EXPECT_EQ(__tls->mContext, second.kam());
         release(second);
     });
+}
+
+TEST_F(ManagerTest, ContextsMeasuredSideBySideGetOneWorker) {
+    App first, second;
+    for (App* a : {&first, &second}) {
+        onThread("app-render", [&] {
+            manager->makeCurrentPre(a->handle(), &a->draw);
+            manager->makeCurrentPost(nullptr);
+        });
+        ASSERT_NE(a->kam(), nullptr);
+    }
+    for (App* a : {&first, &second}) {
+        onThread("app-render", [&] {
+            manager->makeCurrentPre(a->handle(), &a->draw);
+            framesUntilWorker();
+            manager->makeCurrentPost(nullptr);
+        });
+    }
+    EXPECT_NE(first.kam()->mWorker, nullptr);
+    EXPECT_EQ(second.kam()->mWorker, nullptr);
+    // Only the context that owns the worker gives the process's one back.
+    second.context.kamContext.clear();
+    EXPECT_TRUE(manager->mWorkerRunning.load());
+    first.context.kamContext.clear();
+    EXPECT_FALSE(manager->mWorkerRunning.load());
+}
+
+// Start-up work on a pbuffer (loading screens, shader warm-up) after a
+// window context has begun to be measured.
+TEST_F(ManagerTest, MovingToAnUnshadowedContextLetsGoOfTheMeasuredOne) {
+    App first, offscreen;
+    onThread("app-render", [&] {
+        manager->makeCurrentPre(first.handle(), &first.draw);
+        KAMContext* k = first.kam();
+        ASSERT_NE(k, nullptr);
+        frame();
+        manager->makeCurrentPre(offscreen.handle(), &offscreen.pbuffer);
+        EXPECT_EQ(offscreen.kam(), nullptr);
+        ASSERT_EQ(__tls->mContext, nullptr);
+        EXPECT_EQ(__tls->mEglContext, nullptr);
+        framesUntilWorker();
+        EXPECT_EQ(k->mFrameCount, 1u);
+        EXPECT_EQ(k->mWorker, nullptr);
+        // Destroyed while the thread is elsewhere: nothing is left to reach it.
+        first.context.kamContext.clear();
+        frame();
+    });
+    EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
 }
 
 // ---- start ----

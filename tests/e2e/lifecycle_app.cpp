@@ -18,6 +18,7 @@
 // a direct run) and, through a layer's host platform, the EGL records left.
 
 #include <EGL/egl.h>
+#include <EGL/eglext.h>
 #include <GLES3/gl3.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -37,6 +38,8 @@
 #include <vector>
 
 #include "gles_window.h"
+
+#include <X11/Xutil.h>
 
 using namespace glesapp;
 
@@ -74,12 +77,15 @@ using RecordCountsFn = void (*)(int *, int *);
 OffloadedFn gOffloaded = nullptr;  // null: no layer, nothing to wait for
 
 struct Env {
+    Display *xdpy = nullptr;
     EGLDisplay dpy = EGL_NO_DISPLAY;
     EGLConfig windowConfig = nullptr;
     EGLConfig pbufferConfig = nullptr;
     Window win = 0;
 };
 Env gEnv;
+// How frames are presented; scenarios may use another presenting call.
+EGLBoolean (*gPresent)(EGLDisplay, EGLSurface) = eglSwapBuffers;
 
 struct Failure {
     std::mutex lock;
@@ -134,11 +140,21 @@ bool make_current(EGLSurface s, EGLContext c) {
     return false;
 }
 
-// A frame whose pixels are known exactly: the left half one colour, the
-// right half another, both chosen by the frame's seed.
+// A frame whose pixels are known exactly: the left half one colour (b), the
+// right half another (a), both chosen by the frame's seed.
+void frame_colours(uint32_t seed, uint8_t a[3], uint8_t b[3]) {
+    const uint8_t ca[3] = {static_cast<uint8_t>(51 * (seed % 5)), 102, static_cast<uint8_t>(255 - 51 * (seed % 3))};
+    const uint8_t cb[3] = {204, static_cast<uint8_t>(51 * (seed % 4)), 0};
+    std::memcpy(a, ca, 3);
+    std::memcpy(b, cb, 3);
+}
+
+std::atomic<uint32_t> gLastSeed{0};
+
 bool known_frame(EGLSurface s, uint32_t seed) {
-    const uint8_t a[3] = {static_cast<uint8_t>(51 * (seed % 5)), 102, static_cast<uint8_t>(255 - 51 * (seed % 3))};
-    const uint8_t b[3] = {204, static_cast<uint8_t>(51 * (seed % 4)), 0};
+    uint8_t a[3], b[3];
+    frame_colours(seed, a, b);
+    gLastSeed = seed;
     glViewport(0, 0, kSize, kSize);
     glDisable(GL_SCISSOR_TEST);
     glClearColor(a[0] / 255.0f, a[1] / 255.0f, a[2] / 255.0f, 1.0f);
@@ -162,7 +178,7 @@ bool known_frame(EGLSurface s, uint32_t seed) {
             return false;
         }
     }
-    if (!eglSwapBuffers(gEnv.dpy, s)) {
+    if (!gPresent(gEnv.dpy, s)) {
         gFailure.set("eglSwapBuffers failed");
         return false;
     }
@@ -379,6 +395,36 @@ void second_context_same_thread() {
     });
 }
 
+// Start-up work on another context's pbuffer (a loading screen, shader
+// warm-up) after the window context's first frames: those frames are not the
+// window context's, and destroying that one meanwhile leaves nothing behind.
+void pbuffer_during_startup() {
+    on_thread("lc-warmup", [] {
+        static const EGLint attribs[] = {EGL_WIDTH, kSize, EGL_HEIGHT, kSize, EGL_NONE};
+        EGLContext c1 = new_context();
+        EGLContext c2 = new_context();
+        EGLSurface s = new_window_surface();
+        EGLSurface p = eglCreatePbufferSurface(gEnv.dpy, gEnv.windowConfig, attribs);
+        if (p == EGL_NO_SURFACE)
+            gFailure.set("no pbuffer for the start-up context");
+        else if (make_current(s, c1) && frames(s, 3) && make_current(p, c2) && frames(p, 3)) {
+            eglDestroySurface(gEnv.dpy, s);
+            eglDestroyContext(gEnv.dpy, c1);
+            s = EGL_NO_SURFACE;
+            c1 = EGL_NO_CONTEXT;
+            never_offloaded(p);
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, p);
+        if (s != EGL_NO_SURFACE)
+            eglDestroySurface(gEnv.dpy, s);
+        if (c1 != EGL_NO_CONTEXT)
+            eglDestroyContext(gEnv.dpy, c1);
+        eglDestroyContext(gEnv.dpy, c2);
+        eglReleaseThread();
+    });
+}
+
 void pbuffer_only() {
     on_thread("lc-pbuffer", [] {
         static const EGLint attribs[] = {EGL_WIDTH, kSize, EGL_HEIGHT, kSize, EGL_NONE};
@@ -409,6 +455,173 @@ void render_thread() {
     });
 }
 
+// Extension entry points taken by name get the same handles as the core
+// ones, and a swap with damage is a frame like any other.
+PFNEGLSWAPBUFFERSWITHDAMAGEEXTPROC gSwapWithDamage;
+EGLBoolean swap_with_damage(EGLDisplay dpy, EGLSurface s) {
+    EGLint rect[4] = {0, 0, kSize, kSize};
+    return gSwapWithDamage(dpy, s, rect, 1);
+}
+
+void present_with_damage() {
+    on_thread("lc-damage", [] {
+        gSwapWithDamage = reinterpret_cast<PFNEGLSWAPBUFFERSWITHDAMAGEEXTPROC>(
+            eglGetProcAddress("eglSwapBuffersWithDamageEXT"));
+        auto label = reinterpret_cast<PFNEGLLABELOBJECTKHRPROC>(eglGetProcAddress("eglLabelObjectKHR"));
+        EGLContext c = new_context();
+        EGLSurface s = new_window_surface();
+        if (!gSwapWithDamage || !label) {
+            gFailure.set("no eglSwapBuffersWithDamageEXT or eglLabelObjectKHR");
+        } else if (make_current(s, c)) {
+            if (label(gEnv.dpy, EGL_OBJECT_CONTEXT_KHR, c, nullptr) != EGL_SUCCESS ||
+                label(gEnv.dpy, EGL_OBJECT_SURFACE_KHR, s, nullptr) != EGL_SUCCESS)
+                gFailure.set("eglLabelObjectKHR refused the context or the surface");
+            gPresent = swap_with_damage;
+            until_offloaded(s) && frames(s, 30);
+            gPresent = eglSwapBuffers;
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// A make-current that fails leaves the thread's binding as it was.
+void failed_make_current() {
+    on_thread("lc-badmc", [] {
+        EGLContext c = new_context();
+        EGLContext other = new_context();
+        EGLSurface s = new_window_surface();
+        EGLSurface bad = reinterpret_cast<EGLSurface>(static_cast<uintptr_t>(0x4b4b4b40));
+        if (make_current(s, c) && until_offloaded(s)) {
+            if (eglMakeCurrent(gEnv.dpy, bad, bad, other))
+                gFailure.set("eglMakeCurrent took a bad surface");
+            else if (eglGetError() != EGL_BAD_SURFACE)
+                gFailure.set("a bad surface did not give EGL_BAD_SURFACE");
+            else if (eglGetCurrentContext() != c || eglGetCurrentSurface(EGL_DRAW) != s)
+                gFailure.set("the failed eglMakeCurrent changed the current context");
+            else if (gOffloaded && !offloaded())
+                gFailure.set("not offloaded after the failed eglMakeCurrent");
+            frames(s, 10);
+        }
+        eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, other);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// GL calls without a current context answer zero, whatever they return.
+bool zeros_without_context(const char *when) {
+    const uint64_t got[] = {glGetError(),
+                            glCreateShader(GL_VERTEX_SHADER),
+                            glCreateProgram(),
+                            glIsEnabled(GL_BLEND),
+                            static_cast<uint64_t>(glGetUniformLocation(1, "u")),
+                            glCheckFramebufferStatus(GL_FRAMEBUFFER),
+                            reinterpret_cast<uintptr_t>(glMapBufferRange(GL_ARRAY_BUFFER, 0, 4, GL_MAP_READ_BIT)),
+                            glIsBuffer(1)};
+    for (size_t i = 0; i < sizeof got / sizeof got[0]; ++i)
+        if (got[i] != 0) {
+            gFailure.set(std::string("call ") + std::to_string(i) + " " + when + " returned " + std::to_string(got[i]));
+            return false;
+        }
+    return true;
+}
+
+void calls_without_context() {
+    on_thread("lc-nocontext", [] {
+        EGLContext c = new_context();
+        EGLSurface s = new_window_surface();
+        if (zeros_without_context("before any context") && make_current(s, c) && frames(s, 1)) {
+            eglMakeCurrent(gEnv.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+            zeros_without_context("after releasing the context");
+        }
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// ---- windows that go away ----
+
+// A window of its own, on top of the shared one, with the same visual.
+Window new_window() {
+    XWindowAttributes wa{};
+    XGetWindowAttributes(gEnv.xdpy, gEnv.win, &wa);
+    XSetWindowAttributes swa{};
+    swa.colormap = wa.colormap;
+    Window w = XCreateWindow(gEnv.xdpy, DefaultRootWindow(gEnv.xdpy), 0, 0, kSize, kSize, 0, wa.depth, InputOutput,
+                             wa.visual, CWColormap | CWBackPixel | CWBorderPixel, &swa);
+    XMapRaised(gEnv.xdpy, w);
+    XSync(gEnv.xdpy, False);
+    return w;
+}
+
+// The X server shows the last frame the application presented in w.
+bool window_shows_last_frame(Window w, const char *when) {
+    uint8_t a[3], b[3];
+    frame_colours(gLastSeed, a, b);
+    XImage *img = XGetImage(gEnv.xdpy, w, 0, 0, kSize, kSize, AllPlanes, ZPixmap);
+    if (!img) {
+        gFailure.set("XGetImage failed");
+        return false;
+    }
+    const unsigned long left = XGetPixel(img, 0, kSize / 2), right = XGetPixel(img, kSize - 1, kSize / 2);
+    XDestroyImage(img);
+    auto rgb = [](const uint8_t *c) { return (unsigned long)c[0] << 16 | (unsigned long)c[1] << 8 | c[2]; };
+    if ((left & 0xffffff) == rgb(b) && (right & 0xffffff) == rgb(a))
+        return true;
+    gFailure.set(std::string("the window does not show the last frame ") + when);
+    return false;
+}
+
+// eglReleaseThread on an offloaded thread: the last frame is on the screen
+// when it returns, so the window may go at once.
+void release_thread_then_window_gone() {
+    on_thread("lc-relthread", [] {
+        Window w = new_window();
+        EGLContext c = new_context();
+        EGLSurface s = eglCreateWindowSurface(gEnv.dpy, gEnv.windowConfig, static_cast<EGLNativeWindowType>(w), nullptr);
+        if (make_current(s, c) && until_offloaded(s)) {
+            eglReleaseThread();
+            window_shows_last_frame(w, "after eglReleaseThread");
+        }
+        XDestroyWindow(gEnv.xdpy, w);
+        eglDestroySurface(gEnv.dpy, s);
+        eglDestroyContext(gEnv.dpy, c);
+        eglReleaseThread();
+    });
+}
+
+// The render thread ends while its context is current and offloaded; the
+// main thread destroys the window, then the surface and the context. What
+// the platform does just before a window goes (kam-run's X window guard
+// calls it from XDestroyWindow) puts the last frame on the screen first.
+using WindowGoingFn = void (*)(unsigned long);
+WindowGoingFn gWindowGoing = nullptr;
+
+void render_thread_gone_window_gone() {
+    Window w = new_window();
+    EGLContext c = EGL_NO_CONTEXT;
+    EGLSurface s = EGL_NO_SURFACE;
+    on_thread("lc-gone", [&] {
+        c = new_context();
+        s = eglCreateWindowSurface(gEnv.dpy, gEnv.windowConfig, static_cast<EGLNativeWindowType>(w), nullptr);
+        if (make_current(s, c))
+            until_offloaded(s);
+    });
+    if (gWindowGoing) {
+        gWindowGoing(w);
+        window_shows_last_frame(w, "when it is destroyed");
+    }
+    XDestroyWindow(gEnv.xdpy, w);
+    eglDestroySurface(gEnv.dpy, s);
+    eglDestroyContext(gEnv.dpy, c);
+}
+
 struct Scenario {
     const char *name;
     void (*run)();
@@ -431,6 +644,14 @@ const Scenario kScenarios[] = {
     {"second-context-same-thread", second_context_same_thread, true,
      {"<lc-second> EGLContext is changed"},
      {"Releasing a EGLContext"}},
+    {"pbuffer-during-start-up", pbuffer_during_startup, false,
+     {"<lc-warmup> EGLContext is changed", "KAMContext is released EGLContext="},
+     {"Releasing a EGLContext"}},
+    {"present-with-damage", present_with_damage, true, {}, {"is stopped"}},
+    {"failed-make-current", failed_make_current, true, {}, {"is stopped", "Releasing a EGLContext"}},
+    {"calls-without-context", calls_without_context, false, {}, {}},
+    {"release-thread-then-window-gone", release_thread_then_window_gone, true, {}, {"is stopped"}},
+    {"render-thread-gone-window-gone", render_thread_gone_window_gone, true, {}, {"is stopped"}},
     {"pbuffer-only-context", pbuffer_only, false, {}, {"RenderThread is marked"}},
     {"thread-named-RenderThread", render_thread, false, {"iniTLS <RenderThread> skip=1"},
      {"RenderThread is marked"}},
@@ -476,6 +697,7 @@ int main() {
     Platform plat;
     const bool up = setup_platform(&plat, {"kam-lifecycle-app", kSize, kSize, false});
     gEnv.dpy = plat.dpy;
+    gEnv.xdpy = plat.xdpy;
     if (!up || !choose_pbuffer_config()) {
         std::fprintf(stderr, "kam-lifecycle-app: no window or no RGBA8 pbuffer config\n");
         teardown_platform(&plat);
@@ -490,6 +712,7 @@ int main() {
     gEnv.windowConfig = plat.config;
     gEnv.win = plat.win;
     gOffloaded = reinterpret_cast<OffloadedFn>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
+    gWindowGoing = reinterpret_cast<WindowGoingFn>(dlsym(RTLD_DEFAULT, "kam_platform_native_window_destroyed"));
     auto record_counts = reinterpret_cast<RecordCountsFn>(dlsym(RTLD_DEFAULT, "kam_platform_record_counts"));
 
     int failed = 0;

@@ -9,11 +9,12 @@
 // (--png), whether or not the calls go through a layer. --features selects
 // groups of calls so that a difference can be narrowed down to one group.
 // --warmup-seconds renders plain cleared frames, after --warmup-after frames,
-// for as long as a layer needs to decide to offload; they leave no trace in
+// until the layer offloads the thread (at most S seconds); they leave no trace in
 // the output, so runs with different warm-ups still compare equal.
 
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
+#include <dlfcn.h>
 #include <GLES3/gl31.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -44,12 +45,13 @@ enum Feature : unsigned {
     kClientArrays = 1u << 6,  // client vertex arrays and client indices
     kBuffers = 1u << 7,       // glBufferData / SubData / Copy / delete
     kUnpackPbo = 1u << 8,     // uploads sourced from a pixel unpack buffer
-    kAllFeatures = (1u << 9) - 1,
+    kTracked = 1u << 9,       // element buffers per vertex array, several maps a frame, indexed bindings
+    kAllFeatures = (1u << 10) - 1,
 };
 
 const char *const kFeatureNames[] = {
     "unpack2d", "tex3d", "read-client", "read-pbo", "map-write",
-    "objects", "client-arrays", "buffers", "unpack-pbo",
+    "objects", "client-arrays", "buffers", "unpack-pbo", "tracked",
 };
 
 struct Options {
@@ -74,7 +76,7 @@ void usage(FILE *out) {
     for (unsigned i = 0; i < sizeof(kFeatureNames) / sizeof(kFeatureNames[0]); ++i)
         std::fprintf(out, "                        0x%03x %s\n", 1u << i, kFeatureNames[i]);
     std::fprintf(out,
-                 "  --warmup-seconds S  clear and swap for S seconds before frame --warmup-after (default 0)\n"
+                 "  --warmup-seconds S  clear and swap until offloaded, at most S seconds, before frame --warmup-after\n"
                  "  --warmup-after K    frames to render before the warm-up (default 0)\n"
                  "  --check-errors      call glGetError after every group and name the first that fails\n"
                  "  --help              show this text\n");
@@ -306,6 +308,12 @@ static_assert(sizeof(ClientVtx) == 20, "ClientVtx has the stride the draws assum
 
 constexpr int kMapVerts = 96;
 constexpr int kBufVerts = 48;
+// Tracked-state group: triangles per draw, and where its element buffer
+// keeps its indices (past 64 KiB, which a layer must not take for a client
+// pointer).
+constexpr int kTrkVerts = 12;
+constexpr GLsizeiptr kTrkIndexOffset = 0x10000 + 64;
+constexpr GLsizeiptr kTrkBytes = kTrkVerts * sizeof(Vtx);
 
 struct Scene {
     GLuint prog_tex2d = 0, prog_tex3d = 0, prog_color = 0;
@@ -320,6 +328,8 @@ struct Scene {
     GLuint map_vbo = 0, map_vao = 0;
     GLuint buf_src = 0, buf_sub = 0, buf_copy = 0, buf_vao = 0;
     GLuint color_vbo = 0;
+    GLuint trk_vao = 0, trk_vbo = 0, trk_ebo = 0, trk_draw_vao = 0, trk_map = 0, trk_ring = 0, trk_tf = 0;
+    GLuint trk_ubo[2] = {0, 0};
 
     struct Named {
         GLuint name;
@@ -492,6 +502,43 @@ bool create_scene(Scene *s) {
     glBufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(colors.size()), colors.data(), GL_STATIC_DRAW);
     glBindBuffer(GL_ARRAY_BUFFER, 0);
 
+    // Tracked-state group. The element buffer is bound inside trk_vao only.
+    glGenVertexArrays(1, &s->trk_vao);
+    glGenVertexArrays(1, &s->trk_draw_vao);
+    glGenBuffers(1, &s->trk_vbo);
+    glGenBuffers(1, &s->trk_ebo);
+    glGenBuffers(1, &s->trk_map);
+    glGenBuffers(1, &s->trk_ring);
+    glGenBuffers(1, &s->trk_tf);
+    glGenBuffers(2, s->trk_ubo);
+    {
+        std::vector<Vtx> v(kTrkVerts);
+        fill_vtx(v.data(), kTrkVerts, 0x900);
+        glBindBuffer(GL_ARRAY_BUFFER, s->trk_vbo);
+        glBufferData(GL_ARRAY_BUFFER, kTrkBytes, v.data(), GL_STATIC_DRAW);
+        std::vector<GLushort> idx(static_cast<size_t>(kTrkIndexOffset) / 2 + kTrkVerts + 8, 0);
+        for (int i = 0; i < kTrkVerts + 8; ++i)
+            idx[static_cast<size_t>(kTrkIndexOffset) / 2 + static_cast<size_t>(i)] = static_cast<GLushort>((i + 3) % kTrkVerts);
+        glBindVertexArray(s->trk_vao);
+        point_color_attribs(s->trk_vbo, 0);
+        glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, s->trk_ebo);
+        glBufferData(GL_ELEMENT_ARRAY_BUFFER, static_cast<GLsizeiptr>(idx.size() * 2), idx.data(), GL_STATIC_DRAW);
+        glBindVertexArray(0);
+    }
+    glBindBuffer(GL_ARRAY_BUFFER, s->trk_map);
+    glBufferData(GL_ARRAY_BUFFER, kTrkBytes, nullptr, GL_DYNAMIC_DRAW);
+    glBindBuffer(GL_ARRAY_BUFFER, s->trk_ring);
+    glBufferData(GL_ARRAY_BUFFER, 4 * kTrkBytes, nullptr, GL_STREAM_DRAW);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    glBindBuffer(GL_TRANSFORM_FEEDBACK_BUFFER, s->trk_tf);
+    glBufferData(GL_TRANSFORM_FEEDBACK_BUFFER, kTrkBytes, nullptr, GL_DYNAMIC_DRAW);
+    glBindBuffer(GL_TRANSFORM_FEEDBACK_BUFFER, 0);
+    // Left bound to the second uniform buffer: the frames bind by index.
+    for (GLuint u : s->trk_ubo) {
+        glBindBuffer(GL_UNIFORM_BUFFER, u);
+        glBufferData(GL_UNIFORM_BUFFER, kTrkBytes, nullptr, GL_DYNAMIC_DRAW);
+    }
+
     GLenum err = glGetError();
     if (err != GL_NO_ERROR) {
         std::fprintf(stderr, "kam-shadow-app: GL error 0x%04x while creating the scene\n", err);
@@ -506,11 +553,13 @@ void destroy_scene(Scene *s) {
         glDeleteVertexArrays(1, &v.name);
     for (GLuint t : s->tfos)
         glDeleteTransformFeedbacks(1, &t);
-    GLuint vaos[3] = {s->quad_vao, s->map_vao, s->buf_vao};
-    glDeleteVertexArrays(3, vaos);
+    GLuint vaos[5] = {s->quad_vao, s->map_vao, s->buf_vao, s->trk_vao, s->trk_draw_vao};
+    glDeleteVertexArrays(5, vaos);
     GLuint bufs[9] = {s->quad_vbo, s->unpack_pbo, s->pack_pbo[0], s->pack_pbo[1], s->map_vbo,
                       s->buf_src,  s->buf_sub,    s->buf_copy,    s->color_vbo};
     glDeleteBuffers(9, bufs);
+    GLuint trk[7] = {s->trk_vbo, s->trk_ebo, s->trk_map, s->trk_ring, s->trk_tf, s->trk_ubo[0], s->trk_ubo[1]};
+    glDeleteBuffers(7, trk);
     GLuint tex[4] = {s->tex_rgb, s->tex_sub, s->tex_r8, s->tex_3d};
     glDeleteTextures(4, tex);
     glDeleteProgram(s->prog_tex2d);
@@ -1084,6 +1133,87 @@ void frame_buffers(Scene &s, uint32_t f, Checksum &sum) {
     glBindVertexArray(0);
 }
 
+// Buffer state that outlives single calls: the element buffer of each vertex
+// array, several mappings of one or more buffers in a frame (each drawn from
+// before the next), indexed bindings, and a range past a buffer's end.
+void frame_tracked(Scene &s, uint32_t f, Checksum &sum) {
+    int strip = 0;
+    auto next_rect = [&] {
+        const float r[4] = {-1.0f + 0.18f * static_cast<float>(strip++), 0.86f, 0.17f, 0.13f};
+        glUniform4fv(s.color_rect, 1, r);
+    };
+    glUseProgram(s.prog_color);
+
+    // The default vertex array drops its element buffer (a common clean-up);
+    // trk_vao keeps its own and draws from it at an offset past 64 KiB.
+    glBindVertexArray(0);
+    glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, 0);
+    glBindVertexArray(s.trk_vao);
+    next_rect();
+    glDrawElements(GL_TRIANGLES, kTrkVerts, GL_UNSIGNED_SHORT,
+                   reinterpret_cast<const void *>(kTrkIndexOffset + 2 * static_cast<GLsizeiptr>(f % 8)));
+    // The reverse: trk_vao's element buffer is bound there, and the default
+    // vertex array draws from client indices, scribbled over at once.
+    glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, s.trk_ebo);
+    glBindVertexArray(0);
+    point_color_attribs(s.trk_vbo, 0);
+    {
+        GLushort idx[kTrkVerts];
+        for (int i = 0; i < kTrkVerts; ++i)
+            idx[i] = static_cast<GLushort>((i + static_cast<int>(f % 3) * 3) % kTrkVerts);
+        next_rect();
+        glDrawElements(GL_TRIANGLES, kTrkVerts, GL_UNSIGNED_SHORT, idx);
+        std::memset(idx, 0xFF, sizeof idx);
+    }
+    glDisableVertexAttribArray(0);
+    glDisableVertexAttribArray(1);
+
+    // Maps and draws: each draw must see its own mapping's data.
+    glBindVertexArray(s.trk_draw_vao);
+    auto fill_and_draw = [&](GLenum target, GLintptr offset, GLbitfield access, uint32_t seed, GLuint drawn) {
+        void *p = glMapBufferRange(target, offset, kTrkBytes, GL_MAP_WRITE_BIT | access);
+        sum.value(p ? 1u : 0u);
+        if (p)
+            fill_vtx(static_cast<Vtx *>(p), kTrkVerts, mix(f, seed));
+        sum.value(glUnmapBuffer(target));
+        point_color_attribs(drawn, offset);
+        next_rect();
+        glDrawArrays(GL_TRIANGLES, 0, kTrkVerts);
+    };
+    // One buffer twice, the second time orphaning it.
+    glBindBuffer(GL_ARRAY_BUFFER, s.trk_map);
+    fill_and_draw(GL_ARRAY_BUFFER, 0, 0, 0x910, s.trk_map);
+    glBindBuffer(GL_ARRAY_BUFFER, s.trk_map);
+    fill_and_draw(GL_ARRAY_BUFFER, 0, GL_MAP_INVALIDATE_BUFFER_BIT, 0x911, s.trk_map);
+    // Two buffers bound by index, mapped through the generic binding that
+    // the indexed one sets; and a range binding of the feedback target.
+    for (int k = 0; k < 2; ++k) {
+        glBindBufferBase(GL_UNIFORM_BUFFER, static_cast<GLuint>(k), s.trk_ubo[k]);
+        fill_and_draw(GL_UNIFORM_BUFFER, 0, 0, 0x920 + static_cast<uint32_t>(k), s.trk_ubo[k]);
+    }
+    glBindBufferRange(GL_TRANSFORM_FEEDBACK_BUFFER, 0, s.trk_tf, 0, kTrkBytes);
+    fill_and_draw(GL_TRANSFORM_FEEDBACK_BUFFER, 0, GL_MAP_INVALIDATE_RANGE_BIT, 0x930, s.trk_tf);
+    glBindBufferBase(GL_TRANSFORM_FEEDBACK_BUFFER, 0, 0);
+    // A streaming ring: orphaned at its start, then unsynchronized maps at
+    // successive offsets.
+    for (int k = 0; k < 4; ++k) {
+        glBindBuffer(GL_ARRAY_BUFFER, s.trk_ring);
+        const GLbitfield access = k == 0 ? GL_MAP_INVALIDATE_BUFFER_BIT
+                                         : GL_MAP_UNSYNCHRONIZED_BIT | GL_MAP_INVALIDATE_RANGE_BIT;
+        fill_and_draw(GL_ARRAY_BUFFER, k * kTrkBytes, access, 0x940 + static_cast<uint32_t>(k), s.trk_ring);
+    }
+    glBindVertexArray(0);
+
+    // Past the end: the driver's answer, error included.
+    glBindBuffer(GL_ARRAY_BUFFER, s.trk_map);
+    void *p = glMapBufferRange(GL_ARRAY_BUFFER, 0, kTrkBytes + 1, GL_MAP_WRITE_BIT);
+    sum.value(p ? 1u : 0u);
+    sum.value(glGetError());
+    if (p)
+        glUnmapBuffer(GL_ARRAY_BUFFER);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+}
+
 void frame_read_client(uint32_t f, Checksum &sum) {
     const int align = 1 << (f % 4);
     const int rl = 9 + static_cast<int>(f % 3), sp = static_cast<int>(f % 2), sr = static_cast<int>(f % 3);
@@ -1204,8 +1334,9 @@ int main(int argc, char **argv) {
         if (frame == opt.warmup_after && opt.warmup_seconds > 0) {
             const double w0 = now_seconds();
             long warm = 0;
+            auto offloaded = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
             glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            while (ok && now_seconds() - w0 < opt.warmup_seconds) {
+            while (ok && now_seconds() - w0 < opt.warmup_seconds && !(offloaded && offloaded())) {
                 glClear(GL_COLOR_BUFFER_BIT);
                 if (!eglSwapBuffers(plat.dpy, plat.surf)) {
                     egl_fail("eglSwapBuffers");
@@ -1252,6 +1383,10 @@ int main(int argc, char **argv) {
         if (opt.features & kBuffers) {
             frame_buffers(scene, f, sum);
             check("buffers", frame);
+        }
+        if (opt.features & kTracked) {
+            frame_tracked(scene, f, sum);
+            check("tracked", frame);
         }
         if (opt.features & kReadClient) {
             frame_read_client(f, sum);

@@ -8,7 +8,7 @@
 // compared line by line. Objects persist across frames and pixel-store state
 // is set on some frames only, so state set while offloaded is used while not,
 // and the other way round. --warmup-seconds clears and swaps after
-// --warmup-after frames for as long as a layer needs to decide to offload;
+// --warmup-after frames until the layer offloads the thread (at most S s);
 // those frames print nothing.
 //
 // The program itself checks, and says on stderr:
@@ -369,7 +369,8 @@ int main(int argc, char **argv) {
         if (frame == opt.warmup_after && opt.warmup_seconds > 0) {
             const double w0 = now_seconds();
             long warm = 0;
-            while (ok && now_seconds() - w0 < opt.warmup_seconds) {
+            auto offloaded = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
+            while (ok && now_seconds() - w0 < opt.warmup_seconds && !(offloaded && offloaded())) {
                 glClear(GL_COLOR_BUFFER_BIT);
                 ok = eglSwapBuffers(plat.dpy, plat.surf) == EGL_TRUE;
                 ++warm;

@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Compatibility: unmodified programs from Debian run through kam-run with
+# offload active, and what they present or read back is identical to their
+# direct run on the system's libraries.
+#   compat.sh ROW BUILD_DIR      ROW: a name from the table below
+# Methods:
+#   screen   run until OFFLOADED frames went through the worker, stop the
+#            render thread on that frame (libkam-stop-frame.so), take the X
+#            server's image; the direct run stops on the same frame number.
+#   running  the same without comparing (the program animates by the clock).
+#   retrace  record the program with apitrace, replay the trace with
+#            eglretrace directly and through kam-run, and compare the MD5 of
+#            every frame's snapshot; the replay through kam-run is paced, and
+#            slowed down further until OFFLOADED frames ran offloaded.
+set -uo pipefail
+
+row=$1
+build=$(cd "$2" && pwd)
+# Images of the root window: a private server, whatever DISPLAY says.
+if [[ -z "${KAM_COMPAT_XVFB:-}" ]]; then
+  KAM_COMPAT_XVFB=1 exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
+fi
+
+OFFLOADED=30   # frames through the worker before the compared one
+FRAMES=300     # frames recorded for a replay
+sdl=/usr/libexec/installed-tests/SDL2
+es2gears=$(command -v es2gears_x11 || ls /usr/bin/es2gears_x11.* 2>/dev/null | head -n1)
+mpv="mpv --no-config --no-terminal --vo=gpu --gpu-context=x11egl --opengl-es=yes --untimed --no-audio --no-osc
+     --osd-level=0 --geometry=640x480+0+0 --deband=yes --sigmoid-upscaling=yes --dither-depth=8"
+# A still picture: every frame is the same, so any frame number compares.
+still="av://lavfi:mandelbrot=s=320x240,loop=loop=-1:size=1"
+glmark2="glmark2-es2 --reuse-context -s 320x240"
+export SDL_VIDEO_X11_FORCE_EGL=1
+
+# The retrace rows fail until the host platform binds its libraries to their
+# own GL symbols in a process that loaded libGL first, as eglretrace does.
+# mpv's --scale=spline36 is left out: on llvmpipe with GLES it presents a
+# black picture in some direct runs too, so it cannot be compared.
+# row               | method  | program and arguments
+table=$(cat <<'EOF'
+testgles2           | screen  | $sdl/testgles2 --geometry 320x240
+mpv                 | screen  | $mpv $still
+es2gears            | running | $es2gears
+retrace_testgles2   | retrace | $sdl/testgles2 --geometry 320x240
+retrace_mpv         | retrace | $mpv --frames=$FRAMES av://lavfi:testsrc2=s=320x240
+retrace_es2gears    | retrace | $es2gears
+retrace_glmark2     | retrace | $glmark2 -b shading:shading=phong:duration=1 -b texture:texture-filter=mipmap:duration=1 -b bump:bump-render=normals:duration=1 -b refract:duration=1
+EOF
+)
+line=$(grep -E "^$row +\|" <<<"$table") || { echo "FAIL: unknown row $row" >&2; exit 1; }
+IFS='|' read -r _ method cmd <<<"$line"
+method=${method// /}
+eval "set -- $cmd"
+
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
+fail() { echo "FAIL: $row: $*" >&2; exit 1; }
+stop_lib="$build/lib/libkam-stop-frame.so"
+[[ -f $stop_lib ]] || fail "no $stop_lib"
+
+# Waits up to three minutes for a condition; the program's pid in $pid.
+wait_for() {
+  local end=$((SECONDS + 180))
+  until "$@"; do
+    kill -0 "$pid" 2>/dev/null || return 1
+    ((SECONDS < end)) || return 1
+    sleep 0.2
+  done
+}
+# The X server's image of the screen once two in a row agree.
+capture() {
+  local i
+  for i in $(seq 20); do
+    xwd -root -silent | xwdtopnm 2>/dev/null >"$1"
+    cmp -s "$1" "$1.prev" 2>/dev/null && return 0
+    mv "$1" "$1.prev"
+  done
+  fail "the screen never settled"
+}
+# Starts "$@" stopped on a frame (KAM_STOP_* in the environment), waits for
+# it, takes the screen into $1.ppm unless $2 is "none", and ends the program.
+stopped_run() {
+  local name=$1 what=$2; shift 2
+  rm -f "$out/stop"
+  env LD_PRELOAD="$stop_lib" KAM_STOP_FILE="$out/stop" "$@" >"$out/$name.log" 2>&1 &
+  pid=$!
+  wait_for test -s "$out/stop" || fail "$name run never reached its frame: $(tail -5 "$out/$name.log")"
+  [[ $what == none ]] || capture "$out/$name.ppm"
+  kill -9 "$pid"; wait "$pid" 2>/dev/null
+  stop=$(cat "$out/stop")
+}
+md5s() { grep -xE '[0-9A-F]{32}' "$1"; }
+
+case "$method" in
+  screen|running)
+    stopped_run kam "$method" env KAM_STOP_OFFLOADED=$OFFLOADED "$build/kam-run" --verbose "$@"
+    kam_stop=$stop
+    grep -q "KAMWorker started -> " "$out/kam.log" || fail "offload never became active"
+    frame=$(sed 's/frame=\([0-9]*\).*/\1/' <<<"$kam_stop")
+    stopped_run direct "$method" env KAM_STOP_FRAME="$frame" "$@"
+    result="not compared"
+    if [[ $method == screen ]]; then
+      [[ $(ppmhist -noheader "$out/direct.ppm" | wc -l) -gt 2 ]] || fail "the direct run shows a blank screen: nothing to compare"
+      cmp -s "$out/direct.ppm" "$out/kam.ppm" || fail "frame $frame differs through the layer ($kam_stop)"
+      result="identical"
+    fi
+    echo "$row: $kam_stop, screen $result"
+    ;;
+  retrace)
+    # A short trace, never kept: the program stops itself or on frame FRAMES.
+    rm -f "$out/stop"
+    env LD_PRELOAD="/usr/lib/x86_64-linux-gnu/apitrace/wrappers/egltrace.so:$stop_lib" TRACE_FILE="$out/t.trace" \
+      KAM_STOP_FRAME=$FRAMES KAM_STOP_FILE="$out/stop" "$@" >"$out/record.log" 2>&1 &
+    pid=$!
+    wait_for test -s "$out/stop"
+    kill -TERM "$pid" 2>/dev/null; wait "$pid" 2>/dev/null   # the tracer writes out the trace
+    [[ -s $out/t.trace ]] || fail "no trace recorded: $(tail -5 "$out/record.log")"
+    eglretrace -s - --snapshot-format=MD5 "$out/t.trace" >"$out/direct.txt" 2>"$out/direct.log" \
+      || fail "eglretrace without the layer failed: $(tail -5 "$out/direct.log")"
+    md5s "$out/direct.txt" >"$out/direct.md5"
+    frames=$(wc -l <"$out/direct.md5")
+    [[ $frames -gt $OFFLOADED && $(sort -u "$out/direct.md5" | wc -l) -gt 1 ]] || fail "the trace has $frames frames, all alike"
+    # The frame-rate meter needs seconds of frames: the replay is paced, and
+    # paced slower until enough of it ran offloaded.
+    for pace in 20000 40000 80000 160000; do
+      "$build/kam-run" --verbose stdbuf -oL eglretrace --min-frame-duration=$pace -s - --snapshot-format=MD5 \
+        "$out/t.trace" >"$out/kam.txt" 2>&1 || fail "eglretrace through kam-run failed: $(grep -v '^[0-9A-F]*$' "$out/kam.txt" | tail -5)"
+      offloaded=$(sed -n '/KAMWorker started -> /,$p' "$out/kam.txt" | md5s /dev/stdin | wc -l)
+      [[ $offloaded -ge $OFFLOADED ]] && break
+    done
+    [[ $offloaded -ge $OFFLOADED ]] || fail "only $offloaded of $frames frames ran offloaded"
+    md5s "$out/kam.txt" | diff -q - "$out/direct.md5" >/dev/null \
+      || fail "snapshots differ through the layer, first at frame $(md5s "$out/kam.txt" | diff - "$out/direct.md5" | sed -n '1s/[^0-9].*//p')"
+    echo "$row: $offloaded of $frames frames offloaded, every snapshot identical"
+    ;;
+esac
+echo "PASS: $row"

@@ -1,0 +1,59 @@
+// Preloaded into an unmodified program by tests/e2e/compat.sh: stops its
+// render thread on a chosen presented frame, so that the X server's image is
+// a frame the direct run reproduces exactly (the programs animate by frame
+// number, not by clock).
+//   KAM_STOP_OFFLOADED=N  stop on the first frame after N frames went through
+//                         the layer's worker (kam_platform_thread_offloaded)
+//   KAM_STOP_FRAME=M      stop on frame M (the direct run)
+//   KAM_STOP_FILE=PATH    gets "frame=M offloaded=K" once frame M is on screen
+// The thread then blocks for good: the test takes the screen and kills it.
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+static long frame, offloaded;
+static int (*thread_offloaded)(void);
+
+static int frame_offloaded(void) {
+    static int looked;
+    if (!looked) {
+        // The platform's libEGL is often dlopen'ed privately (SDL): not in
+        // the global scope.
+        void *egl = dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
+        thread_offloaded = egl ? (int (*)(void))dlsym(egl, "kam_platform_thread_offloaded") : NULL;
+        looked = 1;
+    }
+    return thread_offloaded && thread_offloaded();
+}
+
+static void presented(int was_offloaded) {
+    const char *at = getenv("KAM_STOP_FRAME"), *after = getenv("KAM_STOP_OFFLOADED");
+    const long this_frame = frame++;
+    offloaded += was_offloaded;
+    if (at ? this_frame != atol(at) : !(after && was_offloaded && offloaded >= atol(after))) return;
+    // A layer may still hold the swap: glFinish returns once it is presented.
+    void *gles = dlopen("libGLESv2.so.2", RTLD_LAZY);
+    void (*finish)(void) = gles ? (void (*)(void))dlsym(gles, "glFinish") : NULL;
+    if (finish) finish();
+    const char *path = getenv("KAM_STOP_FILE");
+    FILE *f = path ? fopen(path, "w") : NULL;
+    if (f) fprintf(f, "frame=%ld offloaded=%ld\n", this_frame, offloaded), fclose(f);
+    for (;;) pause();
+}
+
+unsigned eglSwapBuffers(void *dpy, void *surface) {
+    unsigned (*next)(void *, void *) = (unsigned (*)(void *, void *))dlsym(RTLD_NEXT, "eglSwapBuffers");
+    int was = frame_offloaded();
+    unsigned ok = next(dpy, surface);
+    presented(was);
+    return ok;
+}
+
+void SDL_GL_SwapWindow(void *window) {
+    void (*next)(void *) = (void (*)(void *))dlsym(RTLD_NEXT, "SDL_GL_SwapWindow");
+    int was = frame_offloaded();
+    next(window);
+    presented(was);
+}
