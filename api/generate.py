@@ -48,6 +48,7 @@ class Entry:
         self.by_rule = False
         self.handwritten = False
         self.plain_too = False
+        self.plain_by_hand = False
 
     @property
     def void(self):
@@ -139,7 +140,7 @@ def classify(gl, api_dir):
                 return kf
         return None
     for section in sections:
-        if section.startswith("handwritten") or section == "bridges":
+        if section.startswith("handwritten") or section in ("bridges", "plain_too", "calling_thread_safe"):
             continue
         kind_form = section_kind(section)
         if kind_form is None:
@@ -170,7 +171,71 @@ def classify(gl, api_dir):
     for name in bridges:
         if name not in by_name:
             raise SystemExit("gl_kinds.txt: bridge %s is not in gl.api" % name)
+    # Names with an _opt form that is not plainly recorded also export a
+    # synchronous plain form; so do the names [plain_too] lists.
+    for name in sections.get("plain_too", []):
+        if name not in by_name or by_name[name].form != "opt":
+            raise SystemExit("gl_kinds.txt: %s in [plain_too] has no _opt form" % name)
+        by_name[name].plain_too = True
+    for e in gl:
+        if e.form == "opt" and e.kind in ("copy", "sync", "origin"):
+            e.plain_too = True
+    # The state queries of [handwritten] have their plain forms written by hand.
+    for name in sections.get("handwritten", []):
+        by_name[name].plain_by_hand = True
+    check_calling_thread(gl, set(sections.get("calling_thread_safe", [])), by_name)
     return bridges
+
+
+# GL objects a call acts on, read from its parameter names; the uniform
+# setters, draws and dispatches act on the current program.
+OBJECT_PARAMS = {
+    "program": "program", "shader": "shader", "shaders": "shader", "pipeline": "pipeline",
+    "pipelines": "pipeline", "sync": "sync", "texture": "texture", "textures": "texture", "buffer": "buffer",
+    "buffers": "buffer", "framebuffer": "framebuffer", "framebuffers": "framebuffer",
+    "renderbuffer": "renderbuffer", "renderbuffers": "renderbuffer", "sampler": "sampler", "samplers": "sampler",
+    "array": "vertex array", "arrays": "vertex array", "cap": "capability"}
+
+
+def objects_of(e):
+    objs = {OBJECT_PARAMS[p.name] for p in e.params if p.name in OBJECT_PARAMS}
+    if any(p.name in ("id", "ids") for p in e.params):
+        objs.add("query" if "Quer" in e.name else "transform feedback" if "TransformFeedback" in e.name else "id")
+    if re.match(r"gl(Program)?Uniform|glDraw|glMultiDraw|glDispatch", e.name):
+        objs.add("program")
+    return objs
+
+
+def calling_thread_hazards(gl, safe):
+    """Pairs of a name served on the calling thread and a recorded name that
+    act on the same kind of object. The recorded one replays later on the
+    worker, so the calling thread would act before it, out of the
+    application's order: unless the calling-thread name reads nothing a
+    recorded call can change ([calling_thread_safe]), that is a fault."""
+    queued = {}
+    for e in gl:
+        if e.kind in ("recorded", "copy"):
+            for o in objects_of(e):
+                queued.setdefault(o, []).append(e.name)
+    hazards = []
+    for e in gl:
+        if e.kind != "origin" or e.name in safe:
+            continue
+        for o in sorted(objects_of(e)):
+            if o in queued:
+                hazards.append((e.name, o, queued[o]))
+    return hazards, queued
+
+
+def check_calling_thread(gl, safe, by_name):
+    for name in safe:
+        if name not in by_name or by_name[name].kind != "origin":
+            raise SystemExit("gl_kinds.txt: %s in [calling_thread_safe] is not served on the calling thread" % name)
+    hazards, _ = calling_thread_hazards(gl, safe)
+    if hazards:
+        raise SystemExit("gl_kinds.txt: calls on the calling thread overtake recorded calls on the same object:\n" +
+                         "\n".join("  %s (%s) after %s" % (n, o, " ".join(q[:6]) + (" ..." if len(q) > 6 else ""))
+                                    for n, o, q in hazards))
 
 
 # Command classes with bookkeeping of the buffer-mapping shadow; written by hand.
@@ -284,6 +349,10 @@ def gen_gl_wrappers(gl, copy_sizes):
     out = [HEADER, "#include <cstring>", "", '#include "kam_bridges.h"', '#include "recording/Record.h"', "",
            "using namespace android;", "", 'extern "C" {', ""]
     for e in gl:
+        if e.plain_too and not e.plain_by_hand:
+            # The synchronous plain form, beside the _opt form the loader installs.
+            wname = e.wrapper("plain")
+            out += ["KAM_EXPORT %s {" % e.decl(wname)] + passthrough(e) + [sync_body(e, wname), "}", ""]
         if e.handwritten or e.kind == "special":
             continue
         wname = e.wrapper()
@@ -331,8 +400,8 @@ def gen_gl_wrapper_decls(gl, egl):
            'extern "C" {']
     for e in gl:
         out.append("KAM_EXPORT %s;" % e.decl(e.wrapper()))
-        if e.kind == "special" or e.handwritten:
-            pass
+        if e.plain_too:
+            out.append("KAM_EXPORT %s;" % e.decl(e.wrapper("plain")))
     for e in egl:
         if e.name.startswith("gl"):
             continue
@@ -635,8 +704,28 @@ def gen_offload_cases(gl, copy_sizes):
     out += ["", "}  // namespace", "", "const Case offloadCases[] = {"]
     out += ['    {"%s", "%s", "%s", %s, %s, &off_%s},' % (
         e.name, e.kind, e.form, "true" if e.void else "false", "true" if e.by_rule else "false", e.name) for e in gl]
-    out += ["};", "}  // namespace cases"]
+    out += ["};"]
+    # The plain forms beside _opt ones, with the same calls: all synchronous.
+    plain = [e for e in gl if e.plain_too]
+    out.append("const Case plainTooCases[] = {")
+    out += ['    {"%s", "sync", "plain", %s, false, &off_%s},' % (e.name, "true" if e.void else "false", e.name)
+            for e in plain]
+    out += ["};", "const int plainTooCaseCount = %d;" % len(plain)]
+    out.append("const ExportCase exportCases[] = {")
+    out += ['    {"%s", "%s", "%s"},' % x for x in exports(gl)]
+    out += ["};", "const int exportCaseCount = %d;" % len(exports(gl)), "}  // namespace cases"]
     return "\n".join(out) + "\n"
+
+
+def exports(gl):
+    """Every exported GL wrapper as (symbol, kind, form); the plain forms
+    beside _opt ones have the form "plain-too"."""
+    out = []
+    for e in gl:
+        out.append((e.wrapper(), e.kind, e.form))
+        if e.plain_too:
+            out.append((e.wrapper("plain"), "sync", "plain-too"))
+    return out
 
 
 def gen_report(gl, egl):
@@ -649,6 +738,13 @@ def gen_report(gl, egl):
     lines.append("by rule:")
     lines.append("  recorded: " + " ".join(e.name for e in gl if e.by_rule and e.kind == "recorded"))
     lines.append("  sync:     " + " ".join(e.name for e in gl if e.by_rule and e.kind == "sync"))
+    lines.append("exported GL wrappers by kind and form (api/gl_exports.txt pins these):")
+    for (kind, form), n in sorted(Counter((k, f) for _, k, f in exports(gl)).items()):
+        lines.append("  %-9s %-9s %d" % (kind, form, n))
+    hazards, queued = calling_thread_hazards(gl, set())
+    lines.append("objects acted on both by recorded calls and on the calling thread (names in [calling_thread_safe]):")
+    for o in sorted({o for _, o, _ in hazards}):
+        lines.append("  %s: calling thread %s" % (o, " ".join(n for n, oo, _ in hazards if oo == o)))
     lines.append("EGL table: %d entries" % len(egl))
     return "\n".join(lines) + "\n"
 

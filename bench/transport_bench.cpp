@@ -281,5 +281,26 @@ void BM_Record_ClientArrayDrawElements(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_Record_ClientArrayDrawElements)->Arg(36)->Arg(600);
+
+// The same draw with emulation off, the default: it waits for the worker.
+void BM_ClientArrayDrawElementsWaits(benchmark::State& state) {
+    fake::setRecording(false);
+    support::ActiveContext ctx;
+    pinApart(ctx);
+    ctx.get()->mClientArrays = false;
+    const int64_t indices = state.range(0);
+    std::vector<float> vertices(static_cast<size_t>(indices) * 4);
+    std::vector<GLushort> idx(static_cast<size_t>(indices));
+    for (size_t i = 0; i < idx.size(); ++i) idx[i] = static_cast<GLushort>((i * 7) % idx.size());
+    kam_glVertexAttribPointer_opt(0, 4, GL_FLOAT, GL_FALSE, 16, vertices.data());
+    int64_t n = 0;
+    for (auto _ : state) {
+        kam_glDrawElements_opt(GL_TRIANGLES, static_cast<GLsizei>(indices), GL_UNSIGNED_SHORT, idx.data());
+        boundaryEvery(state, ctx, n, 4096);
+    }
+    ctx.drain();
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ClientArrayDrawElementsWaits)->Arg(36)->Arg(600);
 }  // namespace
 BENCHMARK_MAIN();

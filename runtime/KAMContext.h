@@ -55,6 +55,8 @@ public:
     EGLSurface mPlaceholderSurface = EGL_NO_SURFACE;
     EGLSyncKHR mFrameFence = EGL_NO_SYNC_KHR;
     bool mClientArrays = false;
+    // GL_PRIMITIVE_RESTART_FIXED_INDEX as the application last set it.
+    bool mPrimitiveRestart = false;
     uint32_t mFrameCount = 0;
 };
 

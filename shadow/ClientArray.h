@@ -19,6 +19,14 @@ public:
     GLboolean normalized = GL_FALSE;
     GLsizei stride = 0;
     const void* pointer = nullptr;
+    // The vertex array bound when the pointer was set: the array it belongs to.
+    GLuint vertexArray = 0;
+    // Whether the application's last enable or disable enabled the attribute;
+    // unknown counts as enabled.
+    bool enabled = true;
+    // Whether the worker's attribute points at a copy in the arena rather
+    // than at the application's memory.
+    bool copied = false;
 };
 
 // Bytes per component of a vertex attribute or index type; 0 for types the
@@ -28,7 +36,8 @@ KAM_EXPORT int kamTypeSize(GLenum type);
 
 // Copies the client vertex data an indexed draw of count indices can reach
 // into the frame arena and records pointers to the copies. The label is the
-// caller's name, for traces.
-KAM_EXPORT void applyAttribs(const char* label, GLsizei count, GLenum type, const void* indices);
+// caller's name, for traces. False when some client data cannot be copied:
+// the draw must then run while the caller waits.
+KAM_EXPORT bool applyAttribs(const char* label, GLsizei count, GLenum type, const void* indices);
 
 }  // namespace android

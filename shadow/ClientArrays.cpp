@@ -30,6 +30,7 @@ int kamTypeSize(GLenum type) {
         case GL_UNSIGNED_INT_24_8:
         case GL_UNSIGNED_INT_10F_11F_11F_REV:
         case GL_UNSIGNED_INT_5_9_9_9_REV:
+        case GL_FIXED:
             return 4;
         case GL_FLOAT_32_UNSIGNED_INT_24_8_REV:
             return 8;
@@ -41,10 +42,14 @@ int kamTypeSize(GLenum type) {
 namespace {
 
 template <class T>
-int64_t maxIndexOf(const void* indices, GLsizei count) {
+int64_t maxIndexOf(const void* indices, GLsizei count, bool restart) {
     const T* p = static_cast<const T*>(indices);
+    // With fixed-index restart on, the type's largest value ends a primitive
+    // and names no vertex.
+    const T restartIndex = static_cast<T>(~T(0));
     int64_t best = 0;
     for (GLsizei i = 0; i < count; ++i) {
+        if (restart && p[i] == restartIndex) continue;
         // 32-bit indices compare as signed: a primitive-restart index or
         // garbage at the top of the range must not make the copy huge.
         const int64_t v =
@@ -54,49 +59,89 @@ int64_t maxIndexOf(const void* indices, GLsizei count) {
     return best;
 }
 
+// An attribute the next draw reads from client memory: its pointer was set
+// in the vertex array bound now, and it was not disabled since.
+bool isLive(const KAMContext* c, const ClientArray* a) {
+    return a != nullptr && a->pointer != nullptr && a->enabled && a->vertexArray == c->mBindings.currentVertexArray;
+}
+
+bool liveClientArrays(const KAMContext* c) {
+    for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot)
+        if (isLive(c, c->mAttribArrays[slot])) return true;
+    return false;
+}
+
+// Packed types hold the whole vertex in one word: counting their size per
+// component would read past the application's array.
+size_t elemSizeOf(const ClientArray* a) {
+    const bool packed = a->type == GL_UNSIGNED_INT_2_10_10_10_REV || a->type == GL_INT_2_10_10_10_REV;
+    return packed ? 4 : static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
+}
+
+// Copies vertices first .. first + vertices - 1 of every live client array
+// into the arena, packed, and points the worker's attribute at the copy.
+// False when a copy cannot be made; the draw must then wait.
+bool copyVertices(KAMContext* c, size_t first, size_t vertices) {
+    for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot) {
+        ClientArray* a = c->mAttribArrays[slot];
+        if (!isLive(c, a)) continue;
+        const size_t elemSize = elemSizeOf(a);
+        const size_t step = a->stride != 0 ? static_cast<size_t>(a->stride) : elemSize;
+        // Where size_t is 32 bits the products can wrap to a few bytes, which
+        // the copy below would overrun: no copy then.
+        size_t total, skip, skipped;
+        if (elemSize == 0 || __builtin_mul_overflow(elemSize, vertices, &total) ||
+            __builtin_mul_overflow(step, first, &skip) || __builtin_mul_overflow(elemSize, first, &skipped))
+            return false;
+        uint8_t* copy = static_cast<uint8_t*>(c->mMemory.malloc(total, nullptr));
+        if (copy == nullptr) return false;
+        const uint8_t* src = static_cast<const uint8_t*>(a->pointer) + skip;
+        if (step == elemSize) {
+            memcpy(copy, src, total);
+        } else {
+            for (size_t v = 0; v < vertices; ++v) memcpy(copy + v * elemSize, src + v * step, elemSize);
+        }
+        // The worker reads vertex first at the start of the copy.
+        const void* base = reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(copy) - skipped);
+        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, GLsizei(0), base);
+        a->copied = true;
+    }
+    return true;
+}
+
+// A draw that reads client memory without copies runs while the caller
+// waits: first the worker's attributes get the application's own pointers
+// back where earlier draws left them on copies.
+template <class F>
+void drawNow(KAMContext* c, const char* label, F&& draw) {
+    for (int slot = 0; slot < KAMContext::kAttribRecords; ++slot) {
+        ClientArray* a = c->mAttribArrays[slot];
+        if (a == nullptr || !a->copied) continue;
+        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, a->stride, a->pointer);
+        a->copied = false;
+    }
+    c->mWorker->postSync(draw, label);
+}
+
 }  // namespace
 
-void applyAttribs(const char*, GLsizei count, GLenum type, const void* indices) {
+bool applyAttribs(const char*, GLsizei count, GLenum type, const void* indices) {
     KAMContext* c = activeContext();
-    if (c == nullptr || !kamIsClientMemory(indices) || !c->mClientArrays) return;
-    if (c->mBindings.getBindingBuffer(GL_ELEMENT_ARRAY_BUFFER) != 0) return;
-    if (count < 1) return;
+    if (c == nullptr || !liveClientArrays(c)) return true;
+    // Without emulation, or with indices the layer cannot read (a bound
+    // element buffer), the vertices a draw reaches are unknown: it waits.
+    if (!c->mClientArrays || !kamIsClientMemory(indices) || c->mBindings.getBindingBuffer(GL_ELEMENT_ARRAY_BUFFER) != 0)
+        return false;
+    if (count < 1) return true;
     int64_t maxIndex;
+    const bool restart = c->mPrimitiveRestart;
     switch (type) {
-        case GL_UNSIGNED_BYTE: maxIndex = maxIndexOf<uint8_t>(indices, count); break;
-        case GL_UNSIGNED_SHORT: maxIndex = maxIndexOf<uint16_t>(indices, count); break;
-        case GL_UNSIGNED_INT: maxIndex = maxIndexOf<uint32_t>(indices, count); break;
-        default: return;
+        case GL_UNSIGNED_BYTE: maxIndex = maxIndexOf<uint8_t>(indices, count, restart); break;
+        case GL_UNSIGNED_SHORT: maxIndex = maxIndexOf<uint16_t>(indices, count, restart); break;
+        case GL_UNSIGNED_INT: maxIndex = maxIndexOf<uint32_t>(indices, count, restart); break;
+        default: return false;
     }
-    // Vertex 0 alone is left to the application's pointer, deliberately.
-    if (maxIndex < 1) return;
-    const size_t vertices = static_cast<size_t>(maxIndex) + 1;
-    for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot) {
-        const ClientArray* a = c->mAttribArrays[slot];
-        if (a == nullptr || a->pointer == nullptr) continue;
-        // Packed types hold the whole vertex in one word: counting their
-        // size per component would read past the application's array.
-        const bool packed = a->type == GL_UNSIGNED_INT_2_10_10_10_REV || a->type == GL_INT_2_10_10_10_REV;
-        const size_t elemSize =
-            packed ? 4 : static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
-        // Where size_t is 32 bits the product can wrap to a few bytes, which
-        // the strided copy below would overrun: no copy then (size 0).
-        size_t total;
-        if (__builtin_mul_overflow(elemSize, vertices, &total)) total = 0;
-        const void* pointer = a->pointer;
-        uint8_t* copy = static_cast<uint8_t*>(c->mMemory.malloc(total, nullptr));
-        if (copy != nullptr) {
-            if (a->stride == 0 || static_cast<size_t>(a->stride) == elemSize) {
-                memcpy(copy, pointer, total);
-            } else {
-                // Packed as it is copied, so the worker's pointer has stride 0.
-                const uint8_t* src = static_cast<const uint8_t*>(pointer);
-                for (size_t v = 0; v < vertices; ++v) memcpy(copy + v * elemSize, src + v * a->stride, elemSize);
-            }
-            pointer = copy;
-        }
-        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, GLsizei(0), pointer);
-    }
+    return copyVertices(c, 0, static_cast<size_t>(maxIndex) + 1);
 }
 
 }  // namespace android
@@ -155,18 +200,27 @@ KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum t
                                               GLsizei stride, const void* pointer) {
     KAMContext* c = activeContext();
     if (c == nullptr) return KAM_GL(glVertexAttribPointer)(index, size, type, normalized, stride, pointer);
-    if (index <= 16 && c->mClientArrays && attribAccepted(size, type, stride)) {
+    // Tracked with or without emulation: without it, draws from client
+    // memory must wait for the worker.
+    if (index <= 16 && attribAccepted(size, type, stride)) {
         ClientArray*& a = c->mAttribArrays[index];
+        const GLuint vertexArray = c->mBindings.currentVertexArray;
         if (!kamIsClientMemory(pointer)) {
-            if (a != nullptr) a->pointer = nullptr;
+            if (a != nullptr && a->vertexArray == vertexArray) {
+                a->pointer = nullptr;
+                a->copied = false;
+            }
         } else {
             if (a == nullptr) a = new ClientArray();
+            if (a->vertexArray != vertexArray) a->enabled = true;
             a->index = index;
             a->size = size;
             a->type = type;
             a->normalized = normalized;
             a->stride = stride;
             a->pointer = pointer;
+            a->vertexArray = vertexArray;
+            a->copied = false;
         }
     }
     kamRecord<glVertexAttribPointer_Bridge>(c, index, size, type, normalized, stride, pointer);
@@ -180,41 +234,85 @@ KAM_EXPORT void kam_glVertexAttribIPointer_opt(GLuint index, GLint size, GLenum 
     kam_glVertexAttribPointer_opt(index, size, type, GL_FALSE, stride, pointer);
 }
 
-KAM_EXPORT void kam_glDisableVertexAttribArray_opt(GLuint index) {
+// A disabled attribute keeps its pointer: enabled again, it reads the same
+// client memory.
+#define KAM_ATTRIB_ENABLE(NAME, ENABLED) \
+    KAM_EXPORT void kam_##NAME##_opt(GLuint index) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(index); \
+        kamRecord<NAME##_Bridge>(c, index); \
+        ClientArray* a = index <= 16 ? c->mAttribArrays[index] : nullptr; \
+        if (a != nullptr && a->vertexArray == c->mBindings.currentVertexArray) a->enabled = ENABLED; \
+    }
+KAM_ATTRIB_ENABLE(glEnableVertexAttribArray, true)
+KAM_ATTRIB_ENABLE(glDisableVertexAttribArray, false)
+
+// Fixed-index primitive restart decides which index values name vertices.
+#define KAM_CAPABILITY(NAME, ENABLED) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum cap) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(cap); \
+        if (cap == GL_PRIMITIVE_RESTART_FIXED_INDEX) c->mPrimitiveRestart = ENABLED; \
+        kamRecord<NAME##_Bridge>(c, cap); \
+    }
+KAM_CAPABILITY(glEnable, true)
+KAM_CAPABILITY(glDisable, false)
+
+KAM_EXPORT void kam_glDrawArrays_opt(GLenum mode, GLint first, GLsizei count) {
     KAMContext* c = activeContext();
-    if (c == nullptr) return KAM_GL(glDisableVertexAttribArray)(index);
-    kamRecord<glDisableVertexAttribArray_Bridge>(c, index);
-    if (c->mClientArrays && index <= 16 && c->mAttribArrays[index] != nullptr)
-        c->mAttribArrays[index]->pointer = nullptr;
+    if (c == nullptr) return KAM_GL(glDrawArrays)(mode, first, count);
+    if (count >= 1 && liveClientArrays(c) &&
+        (!c->mClientArrays || first < 0 ||
+         !copyVertices(c, static_cast<size_t>(first), static_cast<size_t>(count))))
+        return drawNow(c, "kam_glDrawArrays_opt", [&] { KAM_GL(glDrawArrays)(mode, first, count); });
+    kamRecord<glDrawArrays_Bridge>(c, mode, first, count);
 }
 
+// Instanced draws from client arrays wait: per-instance attributes reach
+// vertices the layer does not size.
+#define KAM_DRAW_ARRAYS_INSTANCED(NAME) \
+    KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLint first, GLsizei count, GLsizei instancecount) { \
+        KAMContext* c = activeContext(); \
+        if (c == nullptr) return KAM_GL(NAME)(mode, first, count, instancecount); \
+        if (liveClientArrays(c)) \
+            return drawNow(c, "kam_" #NAME "_opt", [&] { KAM_GL(NAME)(mode, first, count, instancecount); }); \
+        kamRecord<NAME##_Bridge>(c, mode, first, count, instancecount); \
+    }
+KAM_DRAW_ARRAYS_INSTANCED(glDrawArraysInstanced)
+KAM_DRAW_ARRAYS_INSTANCED(glDrawArraysInstancedEXT)
+KAM_DRAW_ARRAYS_INSTANCED(glDrawArraysInstancedANGLE)
+KAM_DRAW_ARRAYS_INSTANCED(glDrawArraysInstancedNV)
+
 KAM_EXPORT void kam_glDrawElements_opt(GLenum mode, GLsizei count, GLenum type, const void* indices) {
-    applyAttribs("glDrawElements", count, type, indices);
     KAMContext* c = activeContext();
     if (c == nullptr) return KAM_GL(glDrawElements)(mode, count, type, indices);
-    if (copyIndices(c, "kam_glDrawElements_opt", count, type, indices,
-                    [&] { KAM_GL(glDrawElements)(mode, count, type, indices); }))
+    auto draw = [&] { KAM_GL(glDrawElements)(mode, count, type, indices); };
+    if (!applyAttribs("glDrawElements", count, type, indices)) return drawNow(c, "kam_glDrawElements_opt", draw);
+    if (copyIndices(c, "kam_glDrawElements_opt", count, type, indices, draw))
         kamRecord<glDrawElements_Bridge>(c, mode, count, type, indices);
 }
 
 KAM_EXPORT void kam_glDrawRangeElements_opt(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type,
                                             const void* indices) {
-    applyAttribs("glDrawRangeElements", count, type, indices);
     KAMContext* c = activeContext();
     if (c == nullptr) return KAM_GL(glDrawRangeElements)(mode, start, end, count, type, indices);
-    if (copyIndices(c, "kam_glDrawRangeElements_opt", count, type, indices,
-                    [&] { KAM_GL(glDrawRangeElements)(mode, start, end, count, type, indices); }))
+    auto draw = [&] { KAM_GL(glDrawRangeElements)(mode, start, end, count, type, indices); };
+    if (!applyAttribs("glDrawRangeElements", count, type, indices))
+        return drawNow(c, "kam_glDrawRangeElements_opt", draw);
+    if (copyIndices(c, "kam_glDrawRangeElements_opt", count, type, indices, draw))
         kamRecord<glDrawRangeElements_Bridge>(c, mode, start, end, count, type, indices);
 }
 
-// The instanced and base-vertex draws copy their indices only.
+// The instanced and base-vertex draws copy their indices only; from client
+// arrays they wait.
 #define KAM_DRAW_INSTANCED(NAME) \
     KAM_EXPORT void kam_##NAME##_opt(GLenum mode, GLsizei count, GLenum type, const void* indices, \
                                      GLsizei instancecount) { \
         KAMContext* c = activeContext(); \
         if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, instancecount); \
-        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
-                        [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount); })) \
+        auto draw = [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount); }; \
+        if (liveClientArrays(c)) return drawNow(c, "kam_" #NAME "_opt", draw); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, draw)) \
             kamRecord<NAME##_Bridge>(c, mode, count, type, indices, instancecount); \
     }
 
@@ -223,8 +321,9 @@ KAM_EXPORT void kam_glDrawRangeElements_opt(GLenum mode, GLuint start, GLuint en
                                      GLint basevertex) { \
         KAMContext* c = activeContext(); \
         if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, basevertex); \
-        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
-                        [&] { KAM_GL(NAME)(mode, count, type, indices, basevertex); })) \
+        auto draw = [&] { KAM_GL(NAME)(mode, count, type, indices, basevertex); }; \
+        if (liveClientArrays(c)) return drawNow(c, "kam_" #NAME "_opt", draw); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, draw)) \
             kamRecord<NAME##_Bridge>(c, mode, count, type, indices, basevertex); \
     }
 
@@ -233,8 +332,9 @@ KAM_EXPORT void kam_glDrawRangeElements_opt(GLenum mode, GLuint start, GLuint en
                                      const void* indices, GLint basevertex) { \
         KAMContext* c = activeContext(); \
         if (c == nullptr) return KAM_GL(NAME)(mode, start, end, count, type, indices, basevertex); \
-        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
-                        [&] { KAM_GL(NAME)(mode, start, end, count, type, indices, basevertex); })) \
+        auto draw = [&] { KAM_GL(NAME)(mode, start, end, count, type, indices, basevertex); }; \
+        if (liveClientArrays(c)) return drawNow(c, "kam_" #NAME "_opt", draw); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, draw)) \
             kamRecord<NAME##_Bridge>(c, mode, start, end, count, type, indices, basevertex); \
     }
 
@@ -243,8 +343,9 @@ KAM_EXPORT void kam_glDrawRangeElements_opt(GLenum mode, GLuint start, GLuint en
                                      GLsizei instancecount, GLint basevertex) { \
         KAMContext* c = activeContext(); \
         if (c == nullptr) return KAM_GL(NAME)(mode, count, type, indices, instancecount, basevertex); \
-        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, \
-                        [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount, basevertex); })) \
+        auto draw = [&] { KAM_GL(NAME)(mode, count, type, indices, instancecount, basevertex); }; \
+        if (liveClientArrays(c)) return drawNow(c, "kam_" #NAME "_opt", draw); \
+        if (copyIndices(c, "kam_" #NAME "_opt", count, type, indices, draw)) \
             kamRecord<NAME##_Bridge>(c, mode, count, type, indices, instancecount, basevertex); \
     }
 

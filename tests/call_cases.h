@@ -33,9 +33,21 @@ struct Case {
 extern const Case glCases[];
 // The same names with small argument values, for an offloaded thread.
 extern const Case offloadCases[];
+// The synchronous plain forms of names that also have an _opt form.
+extern const Case plainTooCases[];
+extern const int plainTooCaseCount;
 extern const Case eglCases[];
 extern const int glCaseCount;
 extern const int eglCaseCount;
+
+// Every exported GL wrapper, with the kind and form the generator gave it.
+struct ExportCase {
+    const char* symbol;
+    const char* kind;
+    const char* form;  // opt, plain, or plain-too (a plain form beside an _opt one)
+};
+extern const ExportCase exportCases[];
+extern const int exportCaseCount;
 
 struct BridgeCase {
     const char* name;

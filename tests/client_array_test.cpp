@@ -92,6 +92,7 @@ struct DrawCase {
     GLenum indexType;
     std::vector<uint32_t> indices;
     size_t vertices;  // 0: no vertex data copied
+    bool restart = false;  // GL_PRIMITIVE_RESTART_FIXED_INDEX enabled
 };
 
 std::vector<uint8_t> indexBytesOf(const DrawCase& tc) {
@@ -113,8 +114,11 @@ TEST_F(ClientArrayTest, IndexedDrawsCopyTheReachableVertices) {
          {1, 0}, 2},
         {"top-bit int indices are not the maximum", 2, GL_SHORT, 0, GL_UNSIGNED_INT, {1, 0xFFFFFFFFu, 3, 0x80000000u},
          4},
-        {"all indices zero", 3, GL_FLOAT, 20, GL_UNSIGNED_SHORT, {0, 0, 0}, 0},
+        {"all indices zero: vertex 0 too is copied", 3, GL_FLOAT, 20, GL_UNSIGNED_SHORT, {0, 0, 0}, 1},
         {"the largest index last of five", 1, GL_FLOAT, 8, GL_UNSIGNED_INT, {0, 1, 2, 3, 6}, 7},
+        {"GL_FIXED, 4 bytes a component", 2, GL_FIXED, 12, GL_UNSIGNED_SHORT, {0, 2, 1}, 3},
+        {"restart index names no vertex", 3, GL_FLOAT, 0, GL_UNSIGNED_SHORT, {0, 2, 0xFFFF, 1, 3}, 4, true},
+        {"restart index, bytes", 2, GL_SHORT, 6, GL_UNSIGNED_BYTE, {1, 0xFF, 2}, 3, true},
     };
     for (const DrawCase& tc : cases) {
         SCOPED_TRACE(tc.name);
@@ -131,6 +135,7 @@ TEST_F(ClientArrayTest, IndexedDrawsCopyTheReachableVertices) {
         indexBytes = idx.size();
 
         kam_glVertexAttribPointer_opt(2, tc.size, tc.attribType, GL_TRUE, tc.stride, data.data());
+        (tc.restart ? kam_glEnable_opt : kam_glDisable_opt)(GL_PRIMITIVE_RESTART_FIXED_INDEX);
         replay();
         kam_glDrawElements_opt(GL_TRIANGLES, static_cast<GLsizei>(tc.indices.size()), tc.indexType, idx.data());
         // The application reuses its memory as soon as the call returns.
@@ -178,16 +183,18 @@ struct SkipCase {
     bool elementBuffer;
     bool disable;         // glDisableVertexAttribArray before the draw
     bool offsetPointer;   // a buffer offset replaces the client pointer
+    bool waits;           // drawn from the caller's memory while the caller waits
 };
 
-// Whatever stops the vertex copy, the draw still goes through with its
-// indices copied (or, with an element buffer, untouched).
+// Draws that copy no vertex data: those that read none from client memory
+// are recorded with their indices copied; those that do, without emulation
+// or with indices in a buffer, are drawn while the caller waits.
 TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
     const SkipCase cases[] = {
-        {"emulation off", false, false, false, false},
-        {"element buffer bound", true, true, false, false},
-        {"attribute disabled", true, false, true, false},
-        {"buffer offset set", true, false, false, true},
+        {"emulation off", false, false, false, false, true},
+        {"element buffer bound", true, true, false, false, true},
+        {"attribute disabled", true, false, true, false, false},
+        {"buffer offset set", true, false, false, true, false},
     };
     for (const SkipCase& tc : cases) {
         SCOPED_TRACE(tc.name);
@@ -201,17 +208,16 @@ TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
         if (tc.offsetPointer) kam_glVertexAttribPointer_opt(3, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
         replay();
         ClientArray* record = ctx.get()->mAttribArrays[3];
-        if (tc.clientArrays) {
-            ASSERT_NE(record, nullptr);
-            EXPECT_EQ(record->pointer, (tc.disable || tc.offsetPointer) ? nullptr : data.data());
-        } else {
-            EXPECT_EQ(record, nullptr);
-        }
+        ASSERT_NE(record, nullptr);
+        EXPECT_EQ(record->pointer, tc.offsetPointer ? nullptr : data.data());
+        EXPECT_EQ(record->enabled, !tc.disable);
         kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);
+        const size_t atReturn = fake::calls().size();
         std::vector<Replayed> r = replay();
         ASSERT_EQ(r.size(), 1u);
         EXPECT_EQ(r[0].name, "glDrawElements");
-        if (tc.elementBuffer) {
+        EXPECT_EQ(atReturn, tc.waits ? 1u : 0u);
+        if (tc.waits) {
             EXPECT_EQ(r[0].args[3], reinterpret_cast<uintptr_t>(idx));
         } else {
             EXPECT_NE(r[0].args[3], reinterpret_cast<uintptr_t>(idx));
@@ -219,6 +225,7 @@ TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
                                                        reinterpret_cast<const uint8_t*>(idx) + sizeof(idx)));
         }
         kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
+        kam_glEnableVertexAttribArray_opt(3);
         ctx.frameBoundary();
     }
 }
@@ -252,20 +259,57 @@ TEST_F(ClientArrayTest, AttribPointerCallsReplayAsCalled) {
     EXPECT_EQ(r[1].name, "glDrawElements");
 }
 
-// Non-indexed draws take the pointers set earlier as they are.
-TEST_F(ClientArrayTest, DrawArraysCopiesNothing) {
-    std::vector<uint8_t> data = vertexData(12);
-    kam_glVertexAttribPointer_opt(1, 3, GL_FLOAT, GL_FALSE, 0, data.data());
-    kam_glDrawArrays_opt(GL_TRIANGLES, 0, 3);
-    std::vector<Replayed> r = replay();
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].args[5], reinterpret_cast<uintptr_t>(data.data()));
-    EXPECT_EQ(r[1].name, "glDrawArrays");
+// glDrawArrays from client arrays copies the vertices it draws, first to
+// first + count - 1, with emulation (also after an indexed draw left the
+// worker on a shorter copy), and without it is drawn while the caller waits.
+TEST_F(ClientArrayTest, DrawArraysFromClientMemory) {
+    struct Case {
+        const char* name;
+        bool clientArrays;
+        GLint size;
+        GLenum type;
+        GLsizei stride;
+    } cases[] = {
+        {"strided floats", true, 3, GL_FLOAT, 20},
+        {"strided GL_FIXED", true, 2, GL_FIXED, 12},
+        {"emulation off", false, 3, GL_FLOAT, 20},
+    };
+    for (const Case& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        ctx.get()->mClientArrays = tc.clientArrays;
+        std::vector<uint8_t> data = vertexData(static_cast<size_t>(tc.stride));
+        const size_t elem = static_cast<size_t>(tc.size) * 4;
+        const GLushort idx[] = {1, 0};
+        indexBytes = sizeof(idx);
+        kam_glVertexAttribPointer_opt(1, tc.size, tc.type, GL_FALSE, tc.stride, data.data());
+        if (tc.clientArrays) kam_glDrawElements_opt(GL_LINES, 2, GL_UNSIGNED_SHORT, idx);
+        replay();
+        kam_glDrawArrays_opt(GL_TRIANGLES, 2, 3);
+        const size_t atReturn = fake::calls().size();
+        std::vector<uint8_t> drawn(data.begin(), data.end());
+        std::fill(data.begin(), data.end(), 0);
+        std::vector<Replayed> r = replay();
+        ASSERT_FALSE(r.empty());
+        EXPECT_EQ(r.back().name, "glDrawArrays");
+        if (!tc.clientArrays) {
+            EXPECT_EQ(atReturn, 1u) << "drawn while the caller waits";
+            ASSERT_EQ(r.size(), 1u);
+        } else {
+            EXPECT_EQ(atReturn, 0u);
+            ASSERT_EQ(r.size(), 2u);
+            EXPECT_EQ(r[0].args[4], 0u);
+            // The worker reads vertex 2 where the pointer says vertex 2 is.
+            const uint8_t* p = reinterpret_cast<const uint8_t*>(r[0].args[5]) + 2 * elem;
+            for (size_t v = 0; v < 3; ++v)
+                EXPECT_EQ(0, memcmp(p + v * elem, drawn.data() + (2 + v) * tc.stride, elem)) << v;
+        }
+        ctx.frameBoundary();
+    }
 }
 
-// The other indexed draws copy their indices but no vertex data; an index
-// type the layer cannot size sends them to the worker with the caller's
-// pointer.
+// The other indexed draws copy their indices; an index type the layer cannot
+// size, or vertex data in client memory, sends them to the worker with the
+// caller's pointers.
 TEST_F(ClientArrayTest, OtherIndexedDrawsCopyIndicesOnly) {
     using Draw = void (*)(GLenum type, const void* indices);
     struct Case {
@@ -289,7 +333,7 @@ TEST_F(ClientArrayTest, OtherIndexedDrawsCopyIndicesOnly) {
          [](GLenum t, const void* p) { kam_glDrawElementsInstancedBaseVertexOES_opt(4, 2, t, p, 7, 8); }},
     };
     std::vector<uint8_t> data = vertexData(12);
-    kam_glVertexAttribPointer_opt(0, 3, GL_FLOAT, GL_FALSE, 0, data.data());
+    kam_glVertexAttribPointer_opt(0, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
     replay();
     const pthread_t worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
     for (const Case& tc : cases) {
@@ -320,6 +364,16 @@ TEST_F(ClientArrayTest, OtherIndexedDrawsCopyIndicesOnly) {
         ASSERT_EQ(atReturn.size(), 1u);
         EXPECT_TRUE(pthread_equal(atReturn[0].thread, worker));
         EXPECT_EQ(atReturn[0].args[tc.indicesArg], reinterpret_cast<uintptr_t>(idx));
+
+        kam_glVertexAttribPointer_opt(0, 3, GL_FLOAT, GL_FALSE, 0, data.data());
+        fake::reset();
+        tc.draw(GL_UNSIGNED_INT, idx);
+        atReturn = fake::calls();
+        ASSERT_EQ(atReturn.size(), 2u) << "the pointer, then the draw while the caller waits";
+        EXPECT_EQ(atReturn[1].name, tc.name);
+        EXPECT_EQ(atReturn[1].args[tc.indicesArg], reinterpret_cast<uintptr_t>(idx));
+        kam_glVertexAttribPointer_opt(0, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
+        ctx.drain();
         fake::reset();
     }
 }
@@ -400,7 +454,7 @@ TEST_F(ClientArrayTest, RandomLayoutsCopyExactlyWhatTheIndicesReach) {
         std::vector<uint8_t> packed;
         for (uint32_t v = 0; v <= maxIndex; ++v)
             packed.insert(packed.end(), data.begin() + v * step, data.begin() + v * step + elem);
-        attribBytes = maxIndex >= 1 ? packed.size() : 0;
+        attribBytes = packed.size();
         indexBytes = idx.size();
 
         kam_glVertexAttribPointer_opt(3, size, at.type, GL_FALSE, stride, data.data());
@@ -409,12 +463,10 @@ TEST_F(ClientArrayTest, RandomLayoutsCopyExactlyWhatTheIndicesReach) {
         std::vector<Replayed> r = replay();
         ASSERT_FALSE(r.empty());
         EXPECT_EQ(r.back().name, "glDrawElements");
-        if (maxIndex >= 1) {
-            ASSERT_EQ(r.size(), 3u);  // the pointer as called, the packed copy, the draw
-            EXPECT_EQ(r[1].args[4], 0u);
-            EXPECT_EQ(r[1].bytes, packed);
-        }
-        kam_glDisableVertexAttribArray_opt(3);
+        ASSERT_EQ(r.size(), 3u);  // the pointer as called, the packed copy, the draw
+        EXPECT_EQ(r[1].args[4], 0u);
+        EXPECT_EQ(r[1].bytes, packed);
+        kam_glVertexAttribPointer_opt(3, size, at.type, GL_FALSE, stride, reinterpret_cast<void*>(64));
         ctx.frameBoundary();
         fake::reset();
         replayed.clear();

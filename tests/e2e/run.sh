@@ -96,6 +96,16 @@ case "$test_name" in
     [[ -s "$out/direct.sum" ]] || fail "no checksum line without the layer"
     diff "$out/direct.sum" "$out/kam.sum" || fail "read-back data differs through the layer"
     cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
+    # Client arrays and program objects once more with emulation off, the
+    # default: draws from client memory then wait for the worker.
+    features=0x60
+    "$build/kam-shadow-app" --frames 300 --features $features >"$out/direct-default.txt" 2>/dev/null \
+      || fail "shadow app without the layer failed (features $features)"
+    "$kam_run" --verbose "$build/kam-shadow-app" --frames 300 --features $features --warmup-after 50 --warmup-seconds 6 \
+      >"$out/kam-default.txt" 2>"$out/kam-default.log" || fail "shadow app without emulation failed: $(tail -5 "$out/kam-default.log")"
+    grep -q "KAMWorker started -> " "$out/kam-default.log" || fail "offload never became active without emulation"
+    diff <(grep '^checksum=' "$out/direct-default.txt") <(grep '^checksum=' "$out/kam-default.txt") \
+      || fail "read-back data differs through the layer without client-array emulation"
     ;;
   soak)
     # Thousands of frames with offload switched off and on every few frames

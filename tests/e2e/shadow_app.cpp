@@ -15,7 +15,7 @@
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
 #include <dlfcn.h>
-#include <GLES3/gl3.h>
+#include <GLES3/gl31.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 #include <time.h>
@@ -817,9 +817,6 @@ void frame_objects(Scene &s, uint32_t f, Checksum &sum) {
 
 void frame_client_arrays(Scene &s, uint32_t f) {
     constexpr int kVerts = 96;
-    // Kept for the whole run: a non-indexed draw from client arrays reads them
-    // whenever the GL gets to it (with a queuing layer, after this function
-    // has returned), so they must outlive the frame.
     static ClientBlock vb(kVerts * sizeof(ClientVtx));
     ClientVtx *v = reinterpret_cast<ClientVtx *>(vb.p);
     for (int t = 0; t < kVerts; t += 3) {
@@ -881,16 +878,10 @@ void frame_client_arrays(Scene &s, uint32_t f) {
         std::memset(idx, 0xEE, sizeof idx);
         wreck(48, 18);
     }
-    // Plain arrays draw with a non-zero first vertex. A non-indexed draw from
-    // client arrays is recorded with the application's own pointers (only
-    // indexed draws know which vertices to copy), so its vertices must stay
-    // as they are until the frame is presented, as they would have to for a
-    // driver that reads client arrays late.
-    // The pointers are set again first: a layer that copies the vertices of
-    // indexed draws may have left copies, not these arrays, bound.
-    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(ClientVtx), &v[0].x);
-    glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, sizeof(ClientVtx), v[0].rgba);
+    // Plain arrays draw with a non-zero first vertex, after the indexed
+    // draws, from the same strided arrays; wrecked as soon as it returns.
     glDrawArrays(GL_TRIANGLES, 66, 12);
+    wreck(66, 12);
 
     use_color(s, 1, 3);
     // Positions from client memory, colours from a buffer.
@@ -907,11 +898,171 @@ void frame_client_arrays(Scene &s, uint32_t f) {
         glDisableVertexAttribArray(1);
         glVertexAttrib4f(1, 0.25f, static_cast<float>(f % 4) / 3.0f, 0.75f, 1.0f);
         glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, sizeof(ClientVtx), &v[0].x);
-        glDrawArrays(GL_TRIANGLES, 84, 12);  // left intact, as above
+        glDrawArrays(GL_TRIANGLES, 84, 12);
+        wreck(84, 12);
     }
     glDisableVertexAttribArray(0);
     glDisableVertexAttribArray(1);
     glVertexAttrib4f(1, 1, 1, 1, 1);
+}
+
+// A small framebuffer of its own for the scenarios below, read back into the
+// checksum after each of them.
+void bind_small_target() {
+    static GLuint fbo = 0;
+    if (fbo == 0) {
+        GLuint rb = 0;
+        glGenRenderbuffers(1, &rb);
+        glBindRenderbuffer(GL_RENDERBUFFER, rb);
+        glRenderbufferStorage(GL_RENDERBUFFER, GL_RGBA8, 12, 12);
+        glGenFramebuffers(1, &fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+        glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_RENDERBUFFER, rb);
+    }
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    glViewport(0, 0, 12, 12);
+    glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+    glClear(GL_COLOR_BUFFER_BIT);
+}
+
+void read_small_target(Checksum &sum) {
+    uint8_t px[12 * 12 * 4];
+    glReadPixels(0, 0, 12, 12, GL_RGBA, GL_UNSIGNED_BYTE, px);
+    sum.bytes(px, sizeof px);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glViewport(0, 0, kWidth, kHeight);
+}
+
+const char *kVsArray = R"(#version 310 es
+layout(location = 0) in vec2 a_pos;
+void main() {
+    gl_Position = vec4(a_pos * 2.0 - 1.0, 0.0, 1.0);
+}
+)";
+
+// Each column takes one entry of a uniform array.
+const char *kFsArray = R"(#version 310 es
+precision mediump float;
+uniform vec4 u_c[3];
+out vec4 o_color;
+void main() {
+    o_color = u_c[int(gl_FragCoord.x) % 3];
+}
+)";
+
+GLuint compile_shader(GLenum type, const char *src) {
+    GLuint sh = glCreateShader(type);
+    glShaderSource(sh, 1, &src, nullptr);
+    glCompileShader(sh);
+    return sh;
+}
+
+// Program objects made on the application thread: a link parameter set and
+// a shader detached around the link, validation, enables, the existence of
+// objects after their first bind and after their deletion, each queried at
+// once; and a uniform array set with glProgramUniform4fv from an array that
+// is overwritten as soon as the call returns.
+void frame_programs(const Scene &s, uint32_t f, Checksum &sum) {
+    static GLuint array_prog = 0;
+    static GLint array_loc = -1;
+    if (f % 25 == 0) {
+        const GLuint vs = compile_shader(GL_VERTEX_SHADER, kVsArray);
+        const GLuint fs = compile_shader(GL_FRAGMENT_SHADER, kFsArray);
+        const GLuint p = glCreateProgram();
+        glAttachShader(p, vs);
+        glAttachShader(p, fs);
+        glProgramParameteri(p, GL_PROGRAM_BINARY_RETRIEVABLE_HINT, GL_TRUE);
+        glLinkProgram(p);
+        glDetachShader(p, vs);
+        GLint v[10] = {};
+        glGetProgramiv(p, GL_LINK_STATUS, &v[0]);
+        glGetProgramiv(p, GL_PROGRAM_BINARY_RETRIEVABLE_HINT, &v[1]);
+        glGetProgramiv(p, GL_ATTACHED_SHADERS, &v[2]);
+        glValidateProgram(p);
+        glGetProgramiv(p, GL_VALIDATE_STATUS, &v[3]);
+        glEnable(GL_SCISSOR_TEST);
+        v[4] = glIsEnabled(GL_SCISSOR_TEST);
+        glDisable(GL_SCISSOR_TEST);
+        v[5] = glIsEnabled(GL_SCISSOR_TEST);
+        GLuint t = 0;
+        glGenTextures(1, &t);
+        glBindTexture(GL_TEXTURE_2D, t);
+        v[6] = glIsTexture(t);
+        glBindTexture(GL_TEXTURE_2D, 0);
+        glDeleteTextures(1, &t);
+        v[7] = glIsTexture(t);
+        glDeleteShader(vs);
+        glDeleteShader(fs);
+        if (array_prog != 0) {
+            glDeleteProgram(array_prog);
+            v[8] = glIsProgram(array_prog);
+        }
+        array_prog = p;
+        array_loc = glGetUniformLocation(p, "u_c");
+        v[9] = array_loc;
+        sum.bytes(v, sizeof v);
+    }
+    float c[12];
+    for (int i = 0; i < 12; ++i)
+        c[i] = static_cast<float>(mix(f, 0x900 + static_cast<uint32_t>(i)) >> 24) / 255.0f;
+    glProgramUniform4fv(array_prog, array_loc, 3, c);
+    std::fill(c, c + 12, 0.5f);
+    bind_small_target();
+    glUseProgram(array_prog);
+    bind_quad_vao(s);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    glBindVertexArray(0);
+    glUseProgram(0);
+    read_small_target(sum);
+}
+
+// Client arrays in layouts a layer has to size itself, rewritten as soon as
+// each draw returns: GL_FIXED positions with a stride drawn by glDrawArrays
+// and glDrawElements, and 16-bit indices with the fixed restart index.
+void frame_client_draws(const Scene &s, uint32_t f, Checksum &sum) {
+    struct FixedVtx {
+        GLfixed x, y;
+        uint32_t pad;
+    };
+    constexpr int kVerts = 8;
+    ClientBlock vb(kVerts * sizeof(FixedVtx));
+    FixedVtx *v = reinterpret_cast<FixedVtx *>(vb.p);
+    for (int i = 0; i < kVerts; ++i) {
+        const uint32_t r = mix(f, 0xA00 + static_cast<uint32_t>(i));
+        v[i].x = static_cast<GLfixed>((r & 0xFFFF) - 0x8000) * 2;  // -1 .. 1 in 16.16
+        v[i].y = static_cast<GLfixed>((r >> 16) - 0x8000) * 2;
+        v[i].pad = 0xDEADBEEFu;
+    }
+    bind_small_target();
+    glBindVertexArray(0);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    float full[4] = {-1.0f, -1.0f, 1.0f, 1.0f};
+    glUseProgram(s.prog_color);
+    glUniform4fv(s.color_rect, 1, full);
+    glVertexAttrib4f(1, static_cast<float>(f % 7) / 6.0f, 0.5f, 1.0f, 1.0f);
+    glVertexAttribPointer(0, 2, GL_FIXED, GL_FALSE, sizeof(FixedVtx), &v[0].x);
+    glEnableVertexAttribArray(0);
+    glDrawArrays(GL_TRIANGLES, 1, 3);
+    std::memset(vb.p, 0x11, vb.n);
+    read_small_target(sum);
+
+    for (int i = 0; i < kVerts; ++i) {
+        const uint32_t r = mix(f, 0xB00 + static_cast<uint32_t>(i));
+        v[i].x = static_cast<GLfixed>((r & 0xFFFF) - 0x8000) * 2;
+        v[i].y = static_cast<GLfixed>((r >> 16) - 0x8000) * 2;
+    }
+    bind_small_target();
+    glEnable(GL_PRIMITIVE_RESTART_FIXED_INDEX);
+    GLushort idx[7] = {0, 1, 2, 0xFFFF, 3, 4, 5};
+    glUseProgram(s.prog_color);
+    glDrawElements(GL_TRIANGLE_STRIP, 7, GL_UNSIGNED_SHORT, idx);
+    std::memset(vb.p, 0x22, vb.n);
+    std::memset(idx, 0x33, sizeof idx);
+    glDisable(GL_PRIMITIVE_RESTART_FIXED_INDEX);
+    glDisableVertexAttribArray(0);
+    glVertexAttrib4f(1, 1, 1, 1, 1);
+    glUseProgram(0);
+    read_small_target(sum);
 }
 
 void frame_buffers(Scene &s, uint32_t f, Checksum &sum) {
@@ -1221,10 +1372,12 @@ int main(int argc, char **argv) {
         }
         if (opt.features & kObjects) {
             frame_objects(scene, f, sum);
+            frame_programs(scene, f, sum);
             check("objects", frame);
         }
         if (opt.features & kClientArrays) {
             frame_client_arrays(scene, f);
+            frame_client_draws(scene, f, sum);
             check("client-arrays", frame);
         }
         if (opt.features & kBuffers) {
