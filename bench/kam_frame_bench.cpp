@@ -62,7 +62,7 @@ struct Options {
     long rounds = 3;
     int width = 320;
     int height = 240;
-    int lp_threads = 0;
+    int lp_threads = -1;  // -1: not given, the number of CPUs
     double offload_timeout_s = 30;
     bool csv = false;
     bool csv_header = true;
@@ -84,7 +84,8 @@ void usage(FILE *out) {
                  "  --size WxH         window size (default 320x240)\n"
                  "  --rounds R         rounds over the modes (default 3)\n"
                  "  --modes LIST       comma-separated subset of direct,kam,glthread\n"
-                 "  --lp-threads T     LP_NUM_THREADS for every mode (default: the number of CPUs)\n"
+                 "  --lp-threads T     LP_NUM_THREADS for every mode (default: the number of CPUs; 0 rasterizes on the\n"
+                 "                     thread that calls the driver)\n"
                  "  --kam-run PATH     the layer's launcher (default: ../kam-run next to this program)\n"
                  "  --offload-timeout S  give up waiting for offload after S seconds (default 30)\n"
                  "  --csv              CSV (header + one row per mode) instead of the table\n"
@@ -687,7 +688,7 @@ double median_of(std::vector<double> v) {
 }
 
 int run_parent(Options o) {
-    if (o.lp_threads == 0) o.lp_threads = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    if (o.lp_threads < 0) o.lp_threads = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
     if (o.kam_run.empty()) {
         std::string self = self_path();
         std::string dir = self.substr(0, self.rfind('/'));
