@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "gles_window.h"
+#include "workload.h"
 
 extern char **environ;
 
@@ -50,7 +51,6 @@ namespace {
 // created the context. Threads the driver starts inherit it too, so the
 // worker shows as a new thread with this name once the driver's are there.
 constexpr const char *kThreadName = "kfb-render";
-constexpr long kChecksumFrame = 12345;
 
 struct Options {
     long draws = 2000;
@@ -62,7 +62,7 @@ struct Options {
     long rounds = 3;
     int width = 320;
     int height = 240;
-    int lp_threads = 0;
+    int lp_threads = -1;  // -1: not given, the number of CPUs
     double offload_timeout_s = 30;
     bool csv = false;
     bool csv_header = true;
@@ -84,7 +84,8 @@ void usage(FILE *out) {
                  "  --size WxH         window size (default 320x240)\n"
                  "  --rounds R         rounds over the modes (default 3)\n"
                  "  --modes LIST       comma-separated subset of direct,kam,glthread\n"
-                 "  --lp-threads T     LP_NUM_THREADS for every mode (default: the number of CPUs)\n"
+                 "  --lp-threads T     LP_NUM_THREADS for every mode (default: the number of CPUs; 0 rasterizes on the\n"
+                 "                     thread that calls the driver)\n"
                  "  --kam-run PATH     the layer's launcher (default: ../kam-run next to this program)\n"
                  "  --offload-timeout S  give up waiting for offload after S seconds (default 30)\n"
                  "  --csv              CSV (header + one row per mode) instead of the table\n"
@@ -184,278 +185,6 @@ int parse_args(int argc, char **argv, Options *o) {
 }
 
 
-// ---------------------------------------------------------------------------
-// Game logic: a deterministic loop whose result goes to a volatile sink and
-// never into rendering. A fixed iteration count (calibrated once, by the
-// parent) costs the same CPU in every mode, like real game logic would.
-
-volatile double g_work_sink = 0.0;
-
-void busy_work(uint64_t iterations, uint64_t seed) {
-    uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
-    double acc = 0.0;
-    for (uint64_t i = 0; i < iterations; ++i) {
-        x ^= x << 13;
-        x ^= x >> 7;
-        x ^= x << 17;
-        acc = acc * 0.999 + static_cast<double>(x & 0xFFFF) * 1.0e-4;
-    }
-    g_work_sink = g_work_sink + acc;
-}
-
-double iterations_per_us() {
-    uint64_t iters = 1u << 14;
-    for (;;) {
-        double t0 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
-        busy_work(iters, 7);
-        double dt = clock_seconds(CLOCK_THREAD_CPUTIME_ID) - t0;
-        if (dt >= 0.05 || iters >= (1ull << 34)) return dt > 0 ? static_cast<double>(iters) / (dt * 1e6) : 1000.0;
-        iters *= 2;
-    }
-}
-
-// ---------------------------------------------------------------------------
-// Scene: two programs, four textures, an indexed quad and a dynamic triangle
-// buffer; per frame one texture upload and one buffer update; per draw
-// uniform updates and frequent state changes (program, texture, blend,
-// depth, vertex array).
-
-const char *kVsOffset = R"(#version 300 es
-layout(location = 0) in vec2 a_pos;
-layout(location = 1) in vec2 a_uv;
-uniform vec4 u_offset_scale;
-uniform float u_depth;
-out vec2 v_uv;
-void main() {
-    v_uv = a_uv;
-    gl_Position = vec4(a_pos * u_offset_scale.zw + u_offset_scale.xy, u_depth, 1.0);
-}
-)";
-
-const char *kFsOffset = R"(#version 300 es
-precision mediump float;
-in vec2 v_uv;
-uniform sampler2D u_tex;
-uniform vec4 u_color;
-out vec4 o_color;
-void main() {
-    vec4 t = texture(u_tex, v_uv);
-    o_color = vec4(t.rgb * u_color.rgb, u_color.a);
-}
-)";
-
-const char *kVsMatrix = R"(#version 300 es
-layout(location = 0) in vec2 a_pos;
-layout(location = 1) in vec2 a_uv;
-uniform mat4 u_xform;
-out vec2 v_uv;
-void main() {
-    v_uv = a_uv;
-    gl_Position = u_xform * vec4(a_pos, 0.0, 1.0);
-}
-)";
-
-const char *kFsMatrix = R"(#version 300 es
-precision mediump float;
-in vec2 v_uv;
-uniform sampler2D u_tex;
-uniform vec4 u_color;
-out vec4 o_color;
-void main() {
-    vec4 t = texture(u_tex, v_uv * 2.0);
-    o_color = vec4(mix(u_color.rgb, t.bgr, 0.45) * (0.6 + 0.4 * v_uv.y), u_color.a);
-}
-)";
-
-constexpr int kTexSize = 64;
-constexpr int kNumTextures = 4;
-constexpr int kNumTriangles = 16;
-constexpr int kFloatsPerVertex = 4;
-
-struct Scene {
-    GLuint prog[2] = {0, 0};
-    GLint loc_offset_scale = -1, loc_depth = -1, loc_xform = -1;
-    GLint loc_color[2] = {-1, -1};
-    GLuint tex[kNumTextures] = {};
-    GLuint vao[2] = {0, 0};
-    GLuint quad_vbo = 0, quad_ebo = 0, tri_vbo = 0;
-    std::vector<uint8_t> upload;
-    std::vector<float> tri_vertices;
-};
-
-void fill_texture(long seed, std::vector<uint8_t> *px) {
-    px->resize(kTexSize * kTexSize * 4);
-    const unsigned f = static_cast<unsigned>(seed);
-    for (unsigned y = 0; y < kTexSize; ++y)
-        for (unsigned x = 0; x < kTexSize; ++x) {
-            uint8_t *p = px->data() + (y * kTexSize + x) * 4;
-            p[0] = static_cast<uint8_t>(((x + f * 2) ^ y) * 4);
-            p[1] = static_cast<uint8_t>((x * y + f * 5) & 0xFF);
-            p[2] = static_cast<uint8_t>(((y + f) ^ (x * 3)) * 3);
-            p[3] = 255;
-        }
-}
-
-// Integer arithmetic only, so that every mode uploads the same bytes.
-void fill_triangles(long frame, std::vector<float> *v) {
-    v->resize(kNumTriangles * 3 * kFloatsPerVertex);
-    for (int i = 0; i < kNumTriangles; ++i)
-        for (int k = 0; k < 3; ++k) {
-            const int a = static_cast<int>((frame * 3 + i * 37 + k * 120) % 360);
-            float *p = v->data() + (i * 3 + k) * kFloatsPerVertex;
-            const double rad = a * M_PI / 180.0;
-            p[0] = static_cast<float>(0.9 * std::cos(rad));
-            p[1] = static_cast<float>(0.9 * std::sin(rad));
-            p[2] = static_cast<float>(k == 1);
-            p[3] = static_cast<float>(k == 2);
-        }
-}
-
-bool create_scene(Scene *s) {
-    s->prog[0] = link_program(kVsOffset, kFsOffset, "offset/scale");
-    s->prog[1] = link_program(kVsMatrix, kFsMatrix, "matrix");
-    if (!s->prog[0] || !s->prog[1]) return false;
-    s->loc_offset_scale = glGetUniformLocation(s->prog[0], "u_offset_scale");
-    s->loc_depth = glGetUniformLocation(s->prog[0], "u_depth");
-    s->loc_color[0] = glGetUniformLocation(s->prog[0], "u_color");
-    s->loc_xform = glGetUniformLocation(s->prog[1], "u_xform");
-    s->loc_color[1] = glGetUniformLocation(s->prog[1], "u_color");
-    for (GLuint p : s->prog) {
-        glUseProgram(p);
-        glUniform1i(glGetUniformLocation(p, "u_tex"), 0);
-    }
-    glGenTextures(kNumTextures, s->tex);
-    std::vector<uint8_t> px;
-    for (int i = 0; i < kNumTextures; ++i) {
-        fill_texture(1000 + i * 77, &px);
-        glBindTexture(GL_TEXTURE_2D, s->tex[i]);
-        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, kTexSize, kTexSize, 0, GL_RGBA, GL_UNSIGNED_BYTE, px.data());
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    }
-    static const float quad[] = {-1, -1, 0, 0, 1, -1, 1, 0, 1, 1, 1, 1, -1, 1, 0, 1};
-    static const GLushort quad_idx[] = {0, 1, 2, 0, 2, 3};
-    const GLsizei stride = kFloatsPerVertex * sizeof(float);
-    const void *uv = reinterpret_cast<const void *>(2 * sizeof(float));
-    glGenVertexArrays(2, s->vao);
-    glGenBuffers(1, &s->quad_vbo);
-    glGenBuffers(1, &s->quad_ebo);
-    glGenBuffers(1, &s->tri_vbo);
-    glBindVertexArray(s->vao[0]);
-    glBindBuffer(GL_ARRAY_BUFFER, s->quad_vbo);
-    glBufferData(GL_ARRAY_BUFFER, sizeof(quad), quad, GL_STATIC_DRAW);
-    glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, s->quad_ebo);
-    glBufferData(GL_ELEMENT_ARRAY_BUFFER, sizeof(quad_idx), quad_idx, GL_STATIC_DRAW);
-    glEnableVertexAttribArray(0);
-    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, stride, nullptr);
-    glEnableVertexAttribArray(1);
-    glVertexAttribPointer(1, 2, GL_FLOAT, GL_FALSE, stride, uv);
-    fill_triangles(0, &s->tri_vertices);
-    glBindVertexArray(s->vao[1]);
-    glBindBuffer(GL_ARRAY_BUFFER, s->tri_vbo);
-    glBufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(s->tri_vertices.size() * sizeof(float)),
-                 s->tri_vertices.data(), GL_DYNAMIC_DRAW);
-    glEnableVertexAttribArray(0);
-    glVertexAttribPointer(0, 2, GL_FLOAT, GL_FALSE, stride, nullptr);
-    glEnableVertexAttribArray(1);
-    glVertexAttribPointer(1, 2, GL_FLOAT, GL_FALSE, stride, uv);
-    glBindVertexArray(0);
-    GLenum err = glGetError();
-    if (err != GL_NO_ERROR) {
-        std::fprintf(stderr, "kam_frame_bench: GL error 0x%04x while creating the scene\n", err);
-        return false;
-    }
-    return true;
-}
-
-// Per-draw values come from small integer tables so that they are cheap
-// (the workload is the GL call stream, not trigonometry) and identical in
-// every mode.
-float unit(long i, int salt) { return static_cast<float>((i * 2654435761u + salt * 40503u) % 1000u) / 1000.0f; }
-
-void render_frame(Scene *s, long frame, long draws, int width, int height, uint64_t work_iters) {
-    glViewport(0, 0, width, height);
-    glClearColor(0.1f, 0.12f, 0.18f, 1.0f);
-    glClearDepthf(1.0f);
-    glDepthMask(GL_TRUE);
-    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-
-    // Streaming uploads, as a game's animated texture and particle vertices.
-    fill_texture(frame, &s->upload);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, s->tex[0]);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, kTexSize, kTexSize, GL_RGBA, GL_UNSIGNED_BYTE, s->upload.data());
-    fill_triangles(frame, &s->tri_vertices);
-    glBindBuffer(GL_ARRAY_BUFFER, s->tri_vbo);
-    glBufferSubData(GL_ARRAY_BUFFER, 0, static_cast<GLsizeiptr>(s->tri_vertices.size() * sizeof(float)),
-                    s->tri_vertices.data());
-
-    glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ZERO, GL_ONE);
-    glDepthFunc(GL_LEQUAL);
-    glDisable(GL_BLEND);
-    glDisable(GL_DEPTH_TEST);
-
-    long cols = static_cast<long>(std::ceil(std::sqrt(static_cast<double>(draws) * width / height)));
-    if (cols < 1) cols = 1;
-    const long rows = (draws + cols - 1) / cols;
-    const float cw = 2.0f / static_cast<float>(cols), ch = 2.0f / static_cast<float>(rows);
-
-    // Game logic runs in slices between batches of draws, as in an engine
-    // that interleaves simulation and submission on one thread.
-    constexpr long kSlices = 8;
-    long next_slice = 0;
-    auto run_slices_until = [&](long upto) {
-        for (; next_slice < upto; ++next_slice) {
-            uint64_t n = work_iters / kSlices + (static_cast<uint64_t>(next_slice) < work_iters % kSlices ? 1 : 0);
-            if (n) busy_work(n, static_cast<uint64_t>(frame * kSlices + next_slice));
-        }
-    };
-
-    int cur_prog = -1, cur_tex = 0, cur_vao = -1;
-    bool blend = false, depth = false;
-    for (long i = 0; i < draws; ++i) {
-        if (work_iters) run_slices_until(i * kSlices / draws + 1);
-        const int want_prog = static_cast<int>((i / 24) % 2);
-        const int want_tex = static_cast<int>((i / 5 + frame / 30) % kNumTextures);
-        const bool want_blend = (i / 7) % 3 == 0;
-        const bool want_depth = (i / 11) % 2 == 0;
-        const int want_vao = (i % 3 == 2) ? 1 : 0;
-        if (want_prog != cur_prog) glUseProgram(s->prog[cur_prog = want_prog]);
-        if (want_tex != cur_tex) glBindTexture(GL_TEXTURE_2D, s->tex[cur_tex = want_tex]);
-        if (want_blend != blend) {
-            (want_blend ? glEnable : glDisable)(GL_BLEND);
-            blend = want_blend;
-        }
-        if (want_depth != depth) {
-            (want_depth ? glEnable : glDisable)(GL_DEPTH_TEST);
-            depth = want_depth;
-        }
-        if (want_vao != cur_vao) glBindVertexArray(s->vao[cur_vao = want_vao]);
-
-        const float cx = -1.0f + (static_cast<float>(i % cols) + 0.5f) * cw + 0.2f * cw * (unit(i + frame, 1) - 0.5f);
-        const float cy = -1.0f + (static_cast<float>(i / cols) + 0.5f) * ch + 0.2f * ch * (unit(i + frame, 2) - 0.5f);
-        const float scale = 0.3f + 0.15f * unit(i, 3);
-        glUniform4f(s->loc_color[want_prog], unit(i, 4), unit(i, 5), unit(i, 6), want_blend ? 0.55f : 1.0f);
-        if (want_prog == 0) {
-            glUniform1f(s->loc_depth, unit(i, 7) * 2.0f - 1.0f);
-            glUniform4f(s->loc_offset_scale, cx, cy, scale * cw, scale * ch);
-        } else {
-            const float c = unit(i + frame, 8) * 2 - 1, sn = std::sqrt(1 - c * c);
-            const float sx = scale * cw, sy = scale * ch;
-            const float m[16] = {c * sx, sn * sy, 0, 0, -sn * sx, c * sy, 0, 0, 0, 0, 1, 0, cx, cy, 0, 1};
-            glUniformMatrix4fv(s->loc_xform, 1, GL_FALSE, m);
-        }
-        if (want_vao == 0)
-            glDrawElements(GL_TRIANGLES, 6, GL_UNSIGNED_SHORT, nullptr);
-        else
-            glDrawArrays(GL_TRIANGLES, static_cast<GLint>((i + frame) % kNumTriangles) * 3, 3);
-    }
-    if (work_iters) run_slices_until(kSlices);
-    glBindVertexArray(0);
-    glDisable(GL_BLEND);
-    glDisable(GL_DEPTH_TEST);
-}
-
 // Counts the threads of this process that carry the render thread's name.
 int threads_named_like_us() {
     int n = 0;
@@ -484,7 +213,7 @@ int run_child(const Options &o) {
         return 1;
     }
     Scene scene;
-    if (!create_scene(&scene)) {
+    if (!create_scene(&scene, "kam_frame_bench")) {
         teardown_platform(&plat);
         return 1;
     }
@@ -493,11 +222,24 @@ int run_child(const Options &o) {
 
     long frame = 0;
     bool ok = true;
+    // Where the application thread's time goes, summed over the measured
+    // frames: game logic, GL calls (recording, through the layer), and the
+    // swap (through the layer: waiting for the worker to finish the frame).
+    FrameLogic logic;
+    double gl_s = 0, swap_s = 0;
+    bool measuring = false;
     auto one_frame = [&](long index, long draws, uint64_t iters) {
-        render_frame(&scene, index, draws, o.width, o.height, iters);
+        const double t0 = clock_seconds(CLOCK_MONOTONIC);
+        const double logic0 = logic.seconds;
+        render_frame(&scene, index, draws, o.width, o.height, iters, measuring ? &logic : nullptr);
+        const double t1 = clock_seconds(CLOCK_MONOTONIC);
         if (!eglSwapBuffers(plat.dpy, plat.surf)) {
             egl_fail("eglSwapBuffers");
             ok = false;
+        }
+        if (measuring) {
+            gl_s += (t1 - t0) - (logic.seconds - logic0);
+            swap_s += clock_seconds(CLOCK_MONOTONIC) - t1;
         }
     };
 
@@ -526,6 +268,9 @@ int run_child(const Options &o) {
 
     std::vector<double> frame_ms;
     frame_ms.reserve(static_cast<size_t>(o.frames));
+    const pid_t worker = want_offload ? find_worker_thread() : 0;
+    const double worker0 = worker ? thread_cpu_seconds(worker) : 0;
+    measuring = true;
     const double cpu0 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
     const double proc0 = clock_seconds(CLOCK_PROCESS_CPUTIME_ID);
     const double wall0 = clock_seconds(CLOCK_MONOTONIC);
@@ -537,17 +282,15 @@ int run_child(const Options &o) {
         prev = now;
     }
     const double cpu1 = clock_seconds(CLOCK_THREAD_CPUTIME_ID);
+    measuring = false;
     glFinish();
     const double wall1 = clock_seconds(CLOCK_MONOTONIC);
     const double proc1 = clock_seconds(CLOCK_PROCESS_CPUTIME_ID);
+    const double worker_s = worker ? thread_cpu_seconds(worker) - worker0 : -1e-3 * static_cast<double>(o.frames);
 
     // The check frame: fixed index, read back before the swap.
-    render_frame(&scene, kChecksumFrame, o.draws, o.width, o.height, 0);
-    std::vector<uint8_t> px(static_cast<size_t>(o.width) * o.height * 4);
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
-    glReadPixels(0, 0, o.width, o.height, GL_RGBA, GL_UNSIGNED_BYTE, px.data());
-    uint64_t sum = 1469598103934665603ull;
-    for (uint8_t b : px) sum = (sum ^ b) * 1099511628211ull;
+    std::vector<uint8_t> px;
+    const uint64_t sum = render_check_frame(&scene, o.draws, o.width, o.height, &px);
     GLenum err = glGetError();
     if (err != GL_NO_ERROR) {
         std::fprintf(stderr, "kam_frame_bench: GL error 0x%04x\n", err);
@@ -565,10 +308,12 @@ int run_child(const Options &o) {
     const double median = n % 2 ? frame_ms[n / 2] : 0.5 * (frame_ms[n / 2 - 1] + frame_ms[n / 2]);
     const double p99 = frame_ms[std::min(n - 1, static_cast<size_t>(std::ceil(0.99 * n)) - 1)];
     std::printf("RESULT mode=%s fps=%.3f frame_ms_median=%.4f frame_ms_p99=%.4f app_cpu_ms=%.4f proc_cpu_ms=%.4f "
-                "offload=%d checksum=%016llx\n",
+                "offload=%d checksum=%016llx logic_ms=%.4f gl_ms=%.4f swap_ms=%.4f worker_ms=%.4f\n",
                 o.child_mode.c_str(), static_cast<double>(n) / (wall1 - wall0), median, p99,
                 (cpu1 - cpu0) * 1e3 / static_cast<double>(n), (proc1 - proc0) * 1e3 / static_cast<double>(n), offload,
-                static_cast<unsigned long long>(sum));
+                static_cast<unsigned long long>(sum), logic.seconds * 1e3 / static_cast<double>(n),
+                gl_s * 1e3 / static_cast<double>(n), swap_s * 1e3 / static_cast<double>(n),
+                worker_s * 1e3 / static_cast<double>(n));
     return 0;
 }
 
@@ -577,6 +322,7 @@ int run_child(const Options &o) {
 
 struct Result {
     double fps = 0, median = 0, p99 = 0, app_cpu = 0, proc_cpu = 0;
+    double logic = 0, gl = 0, swap = 0, worker = -1;
     int offload = -1;
     std::string checksum, version;
     bool ok = false;
@@ -662,6 +408,10 @@ Result run_mode(const Options &o, const std::string &mode, long work_iters, long
     r.app_cpu = std::atof(field(line, "app_cpu_ms").c_str());
     r.proc_cpu = std::atof(field(line, "proc_cpu_ms").c_str());
     r.offload = std::atoi(field(line, "offload").c_str());
+    r.logic = std::atof(field(line, "logic_ms").c_str());
+    r.gl = std::atof(field(line, "gl_ms").c_str());
+    r.swap = std::atof(field(line, "swap_ms").c_str());
+    r.worker = std::atof(field(line, "worker_ms").c_str());
     r.checksum = field(line, "checksum");
     if (mode == "kam") {
         size_t started = err.find("KAMWorker started -> ");
@@ -687,7 +437,7 @@ double median_of(std::vector<double> v) {
 }
 
 int run_parent(Options o) {
-    if (o.lp_threads == 0) o.lp_threads = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    if (o.lp_threads < 0) o.lp_threads = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
     if (o.kam_run.empty()) {
         std::string self = self_path();
         std::string dir = self.substr(0, self.rfind('/'));
@@ -717,7 +467,7 @@ int run_parent(Options o) {
     }
     const std::string tmpdir = tmpl;
 
-    const double ipu = iterations_per_us();
+    const double ipu = work_iterations_per_us();
     long work_us = o.work_us > 0 ? o.work_us : 0;
     double direct_driver_ms = -1;
     if (o.work_ratio > 0) {
@@ -768,46 +518,71 @@ int run_parent(Options o) {
     struct Summary {
         double fps, median, p99, app_cpu, proc_cpu;
         size_t runs;
+        double logic, gl, swap, worker;
     };
     std::map<std::string, Summary> sum;
     for (auto &[mode, rs] : results) {
-        std::vector<double> fps, med, p99, cpu, proc;
+        std::vector<double> fps, med, p99, cpu, proc, logic, gl, swap, worker;
         for (auto &r : rs) {
+            logic.push_back(r.logic);
+            gl.push_back(r.gl);
+            swap.push_back(r.swap);
+            worker.push_back(r.worker);
             fps.push_back(r.fps);
             med.push_back(r.median);
             p99.push_back(r.p99);
             cpu.push_back(r.app_cpu);
             proc.push_back(r.proc_cpu);
         }
-        sum[mode] = {median_of(fps), median_of(med), median_of(p99), median_of(cpu), median_of(proc), rs.size()};
+        sum[mode] = {median_of(fps), median_of(med),   median_of(p99), median_of(cpu),  median_of(proc),
+                     rs.size(),      median_of(logic), median_of(gl),  median_of(swap), median_of(worker)};
     }
     auto ratio = [&](const char *a, const char *b, double Summary::*f) {
         return sum.count(a) && sum.count(b) && sum[b].*f > 0 ? sum[a].*f / (sum[b].*f) : 0.0;
     };
 
+    // How close a mode comes to what the cores allow: the frame time that its
+    // whole-process CPU per frame would take spread over every core, over
+    // the frame time it reached.
+    const double cores = static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+    auto efficiency = [&](const Summary &s) { return s.fps > 0 ? (s.proc_cpu / cores) / (1000.0 / s.fps) : 0.0; };
+
     if (o.csv) {
         if (o.csv_header)
             std::printf("mode,draws,work_us,fps,frame_ms_median,frame_ms_p99,app_cpu_ms,runs,lp_threads,"
-                        "pixels_match,proc_cpu_ms\n");
+                        "pixels_match,proc_cpu_ms,efficiency,logic_ms,gl_ms,swap_ms,worker_ms\n");
         for (const std::string &mode : modes) {
             if (!sum.count(mode)) continue;
             const Summary &s = sum[mode];
-            std::printf("%s,%ld,%ld,%.3f,%.4f,%.4f,%.4f,%zu,%d,%d,%.4f\n", mode.c_str(), o.draws, work_us, s.fps,
-                        s.median, s.p99, s.app_cpu, s.runs, o.lp_threads, same ? 1 : 0, s.proc_cpu);
+            std::printf("%s,%ld,%ld,%.3f,%.4f,%.4f,%.4f,%zu,%d,%d,%.4f,%.4f,%.4f,%.4f,%.4f,%.4f\n", mode.c_str(),
+                        o.draws, work_us, s.fps, s.median, s.p99, s.app_cpu, s.runs, o.lp_threads, same ? 1 : 0,
+                        s.proc_cpu, efficiency(s), s.logic, s.gl, s.swap, s.worker);
         }
     } else {
         std::printf("driver: %s\n\n", version.c_str());
-        std::printf("%-10s %10s %16s %13s %19s %18s %5s\n", "mode", "fps", "frame ms median", "frame ms p99",
-                    "app-thread CPU ms", "process CPU ms", "runs");
+        std::printf("%-10s %10s %16s %13s %19s %18s %11s %5s\n", "mode", "fps", "frame ms median", "frame ms p99",
+                    "app-thread CPU ms", "process CPU ms", "efficiency", "runs");
         for (const std::string &mode : modes) {
             if (!sum.count(mode)) continue;
             const Summary &s = sum[mode];
-            std::printf("%-10s %10.2f %16.3f %13.3f %19.3f %18.3f %5zu\n", mode.c_str(), s.fps, s.median, s.p99,
-                        s.app_cpu, s.proc_cpu, s.runs);
+            std::printf("%-10s %10.2f %16.3f %13.3f %19.3f %18.3f %10.0f%% %5zu\n", mode.c_str(), s.fps, s.median,
+                        s.p99, s.app_cpu, s.proc_cpu, 100 * efficiency(s), s.runs);
         }
-        std::printf("\n(medians over the rounds)\n");
+        std::printf("\n(medians over the rounds; efficiency: process CPU per frame / %.0f cores, over frame time)\n",
+                    cores);
+        std::printf("\nper frame, ms    app: game logic   GL calls   swap (waiting)   worker: replaying   idle\n");
+        for (const std::string &mode : modes) {
+            if (!sum.count(mode)) continue;
+            const Summary &s = sum[mode];
+            const double frame = s.fps > 0 ? 1000.0 / s.fps : 0;
+            if (s.worker >= 0)
+                std::printf("%-16s %16.3f %10.3f %16.3f %19.3f %6.3f\n", mode.c_str(), s.logic, s.gl, s.swap,
+                            s.worker, std::max(0.0, frame - s.worker));
+            else
+                std::printf("%-16s %16.3f %10.3f %16.3f %19s %6s\n", mode.c_str(), s.logic, s.gl, s.swap, "-", "-");
+        }
         if (sum.count("kam") && sum.count("direct"))
-            std::printf("kam/direct:   fps x%.3f   app-thread CPU/frame x%.3f\n", ratio("kam", "direct", &Summary::fps),
+            std::printf("\nkam/direct:   fps x%.3f   app-thread CPU/frame x%.3f\n", ratio("kam", "direct", &Summary::fps),
                         ratio("kam", "direct", &Summary::app_cpu));
         if (sum.count("kam") && sum.count("glthread"))
             std::printf("kam/glthread: fps x%.3f   app-thread CPU/frame x%.3f\n",
@@ -817,9 +592,10 @@ int run_parent(Options o) {
             if (!sum.count(mode)) continue;
             const Summary &s = sum[mode];
             std::printf("RESULT mode=%s draws=%ld work_us=%ld fps=%.3f frame_ms_median=%.4f frame_ms_p99=%.4f "
-                        "app_cpu_ms=%.4f proc_cpu_ms=%.4f lp_threads=%d pixels_match=%d\n",
+                        "app_cpu_ms=%.4f proc_cpu_ms=%.4f lp_threads=%d pixels_match=%d efficiency=%.4f logic_ms=%.4f "
+                        "gl_ms=%.4f swap_ms=%.4f worker_ms=%.4f\n",
                         mode.c_str(), o.draws, work_us, s.fps, s.median, s.p99, s.app_cpu, s.proc_cpu, o.lp_threads,
-                        same ? 1 : 0);
+                        same ? 1 : 0, efficiency(s), s.logic, s.gl, s.swap, s.worker);
         }
     }
     if (!same) std::fprintf(stderr, "kam_frame_bench: the check frame differs between runs\n");

@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 
@@ -190,7 +191,15 @@ void initOnce() {
     const char* name = getenv("KAM_PROCESS_NAME");
     KAMManager::INSTANCE->initMTR(name && *name ? name : program_invocation_short_name, envFlag("KAM_DEBUGGABLE"),
                                   getenv("KAM_ARGS") ? getenv("KAM_ARGS") : "");
-    if (envFlag("KAM_OFF")) KAMManager::INSTANCE->updateMTR(0);
+    if (envFlag("KAM_OFF")) {
+        KAMManager::INSTANCE->updateMTR(0);
+    } else {
+        // Offload moves the driver's allocations to the worker, whose glibc
+        // arena hands a freed top back to the kernel past the trim threshold:
+        // a driver that allocates and frees a big block per draw then faults
+        // it in again on every draw. A generous threshold keeps it.
+        mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
+    }
 }
 
 int clientVersion(const EGLint* attribs) {

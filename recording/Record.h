@@ -17,20 +17,14 @@ namespace android {
 // (or plain garbage): never client memory to copy.
 inline bool kamIsClientMemory(const void* p) { return reinterpret_cast<uintptr_t>(p) > 0x10000; }
 
-// Builds the command in the arena and queues it; only a synchronous post
-// wakes the worker at once.
+// Builds the command in the arena, where it is also the queue entry, and
+// links it behind the last one; only a synchronous post (or a long enough
+// run of them) wakes a sleeping worker.
 template <class B, class... A>
 inline void kamRecordPost(KAMContext* c, bool sync, A... args) {
-    static_assert(alignof(B) <= KAMMemory::kAlignment && alignof(WorkItem) <= KAMMemory::kAlignment,
-                  "the frame arena cannot place this command");
-    void* itemMemory = c->mMemory.malloc(sizeof(WorkItem), nullptr);
-    void* cmdMemory = c->mMemory.malloc(sizeof(B), nullptr);
-    WorkItem* item = new (itemMemory) WorkItem(new (cmdMemory) B(args...));
-    // The post's lock is a full barrier on some CPUs: it waits for these
-    // stores to reach the cache. Asking for the next lines now keeps that wait
-    // off the following calls.
-    __builtin_prefetch(c->mMemory.mCursor + 256, 1, 3);
-    c->mWorker->post(item, sync);
+    static_assert(alignof(B) <= KAMMemory::kAlignment, "the frame arena cannot place this command");
+    B* cmd = new (c->mMemory.malloc(sizeof(B), nullptr)) B(args...);
+    c->mWorker->postRecorded(cmd, sync);
 }
 
 template <class B, class... A>

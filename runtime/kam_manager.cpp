@@ -135,6 +135,8 @@ void KAMManager::startMTR(KAMContext* ctx, sp<KAMThreadLocal> tls) {
     tls->attachContext(ctx);
     KAMLoader::getInstance()->useKamEgl();
     std::string name = tls->mName;
+    // This thread records from now on; one that had it before let go first.
+    ctx->mWorker->adoptProducer();
     ctx->mWorker->postSync(
         [&] {
             if (KAM_EGL(eglMakeCurrent)(display, draw, read, eglContext))

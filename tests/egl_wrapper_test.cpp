@@ -222,8 +222,8 @@ TEST_F(EglWrapperTest, EachKindRunsWhereItBelongs) {
             active.worker()->post(new WorkItem("hold", [gate] { gate.wait(); }), true);
             c->call(w.fn, out);
             EXPECT_TRUE(fake::calls().empty());
-            // Handed to the worker at once, not left to a later batch.
-            EXPECT_TRUE(active.worker()->mBatch.empty());
+            // Handed to the worker at once, not left to a later wake-up.
+            EXPECT_EQ(active.worker()->pending(), 0);
             if (!c->isVoid) {
                 EXPECT_EQ(out.result, static_cast<uint64_t>(EGL_TRUE));
             }
@@ -428,9 +428,8 @@ TEST_F(EglWrapperTest, ErrorProbeAnswersTheCallerAndLogsTheWorkersError) {
         auto calls = fake::calls();
         ASSERT_EQ(calls.size(), 1u);
         EXPECT_TRUE(onCaller(calls[0]));
-        // Queued without waking the worker: both items still wait in this
-        // thread's batch, and run with the next drain.
-        EXPECT_EQ(active.worker()->mBatch.size(), 2u);
+        // Queued without a wake-up of their own: they run with the next drain.
+        EXPECT_EQ(active.worker()->pending(), 2);
         active.drain();
         calls = callsNamed("eglGetError");
         ASSERT_EQ(calls.size(), 2u);

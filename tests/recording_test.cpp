@@ -306,17 +306,17 @@ TEST_F(RecordingTest, CopySizeRules) {
 }
 
 TEST_F(RecordingTest, CopyTakesExactlyTheRuleFromTheArena) {
-    // A frame's arena usage tells how much a wrapper took: the copy, the work
-    // item and the command object, nothing else.
+    // A frame's arena usage tells how much a wrapper took: the copy and the
+    // command object (its own queue entry), nothing else.
     float data[48] = {};
     auto* mem = &ctx.get()->mMemory;
     ctx.frameBoundary();
     kam_glProgramUniformMatrix4fv_opt(1, 2, 3, GL_FALSE, data);  // count 3: three matrices
     ctx.frameBoundary();
-    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(192 + sizeof(WorkItem) + sizeof(glProgramUniformMatrix4fv_Bridge)));
+    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(192 + sizeof(glProgramUniformMatrix4fv_Bridge)));
     kam_glUniform3iv_opt(1, 3, reinterpret_cast<const GLint*>(data));  // 36 bytes, rounded up to 40
     ctx.frameBoundary();
-    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(40 + sizeof(WorkItem) + sizeof(glUniform3iv_Bridge)));
+    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(40 + sizeof(glUniform3iv_Bridge)));
 }
 
 TEST_F(RecordingTest, NullAndSmallPointersAreRecordedAsTheyAre) {
@@ -343,22 +343,20 @@ TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
                                         }
                                     }),
                        true);
-    // Once the worker is inside the item it has taken its wake-up, so the
-    // semaphore shows only what the finish posts.
     while (!holding.load()) {
     }
     fake::reset();
+    kam_glUniform1i_opt(0, 1);
     kam_glFinish();  // returns although the worker is held
     EXPECT_TRUE(fake::calls().empty());
-    int woken = -1;
-    sem_getvalue(&ctx.worker()->mWakeSem, &woken);
-    EXPECT_EQ(woken, 1);
+    // A wake-up point of its own, not left for the 129th post.
+    EXPECT_EQ(ctx.worker()->pending(), 0);
     go.store(true);
     ctx.drain();
     auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].name, "glFinish");
-    EXPECT_TRUE(onThread(calls[0], worker));
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].name, "glFinish");
+    EXPECT_TRUE(onThread(calls[1], worker));
 }
 
 TEST_F(RecordingTest, ManyRecordedCallsReplayInOrderAcrossWakeUps) {

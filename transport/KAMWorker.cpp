@@ -5,7 +5,6 @@
 #include <cutils/trace.h>
 #include <log/log.h>
 
-#include "recording/Bridge.h"
 #include "runtime/KAMLog.h"
 
 extern "C" {
@@ -16,14 +15,16 @@ void atrace_end_body();
 
 namespace android {
 
-KAMWorker::KAMWorker() : Thread(false) { sem_init(&mWakeSem, 0, 0); }
+KAMWorker::KAMWorker() : Thread(false), mTail(&mAnchor), mProducer(pthread_self()), mHead(&mAnchor) {
+    sem_init(&mWakeSem, 0, 0);
+}
 
 KAMWorker::~KAMWorker() {
     // Items still queued belong to a frame that will never be replayed: their
-    // memory is the arena's (bridges) or lost with the process shutting the
-    // context down, so they are neither run nor freed here.
-    std::vector<WorkItem*>().swap(mQueue);
-    std::vector<WorkItem*>().swap(mSpareQueue);
+    // memory is the arena's (commands) or lost with the process shutting the
+    // context down, so they are neither run nor freed here. Only the anchor,
+    // which has run, is.
+    if (mHeadOwned) delete static_cast<WorkItem*>(mHead);
     sem_destroy(&mWakeSem);
 }
 
@@ -53,42 +54,37 @@ status_t KAMWorker::readyToRun() {
     return OK;
 }
 
-void KAMWorker::post(WorkItem* item, bool sync) {
-    // Items gather in the producer's own batch and enter the shared queue,
-    // under the lock, only when the worker is woken. On x86 every locked
-    // instruction drains the store buffer, which made a lock per item cost
-    // the latency of the arena lines just written; the worker sees nothing
-    // earlier than it would be woken for anyway.
-    mBatch.push_back(item);
-    bump(mPending);
-    bump(mFrameCount);
-    if (sync) {
-        const char* name = item->bridge ? item->bridge->getName() : item->name;
-        if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_begin_body(name);
-        if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_end_body();
-    } else if (mPending.load(std::memory_order_relaxed) <= kWakeBatch) {
-        return;
-    }
-    wake();
+// The empty trace slice marks a synchronous post in a system trace.
+void KAMWorker::traceSync(Bridge* item) {
+    if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_begin_body(item->getName());
+    if (atrace_get_enabled_tags() & ATRACE_TAG_GRAPHICS) atrace_end_body();
 }
 
-void KAMWorker::publish() {
-    lockQueue();
-    if (mQueue.empty()) {
-        mQueue.swap(mBatch);
-    } else {
-        mQueue.insert(mQueue.end(), mBatch.begin(), mBatch.end());
-        mBatch.clear();
-    }
-    unlockQueue();
-}
-
-void KAMWorker::wake() {
-    publish();
+void KAMWorker::wake(Bridge* item, bool sync) {
     mPending.store(0, std::memory_order_relaxed);
-    int value = 0;
-    sem_getvalue(&mWakeSem, &value);
-    if (value == 0) sem_post(&mWakeSem);
+    if (sync) traceSync(item);
+    wakeIfSleeping();
+}
+
+// Pairs with the fence in process(): either the worker, looking once more
+// after announcing its sleep, sees what was posted before this fence, or this
+// thread sees the announcement and posts the semaphore. Whoever clears the
+// flag decides, so the semaphore never counts above one.
+void KAMWorker::wakeIfSleeping() {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (mSleeping.load(std::memory_order_relaxed) != 0 && mSleeping.exchange(0, std::memory_order_acq_rel) != 0)
+        sem_post(&mWakeSem);
+}
+
+void KAMWorker::postForeign(uintptr_t link, bool sync) {
+    {
+        std::lock_guard<std::mutex> guard(mForeignLock);
+        mForeign.push_back(link);
+        mForeignCount.store(static_cast<int32_t>(mForeign.size()), std::memory_order_release);
+    }
+    mFrameCount.fetch_add(1, std::memory_order_relaxed);
+    if (sync) traceSync(untag(link));
+    wakeIfSleeping();
 }
 
 void KAMWorker::setName(std::string name) {
@@ -101,35 +97,56 @@ bool KAMWorker::threadLoop() {
     return false;
 }
 
+// Follows the list as far as it is linked. The item last run stays as the
+// anchor: the producer still writes its link.
+bool KAMWorker::drainList() {
+    bool ran = false;
+    for (;;) {
+        const uintptr_t next = __atomic_load_n(&mHead->mNext, __ATOMIC_ACQUIRE);
+        if (next == 0) return ran;
+        if (mHeadOwned) delete static_cast<WorkItem*>(mHead);
+        Bridge* item = untag(next);
+        mHead = item;
+        mHeadOwned = (next & kOwned) != 0;
+        item->run();
+        mLastName.store(item->getName(), std::memory_order_relaxed);
+        ran = true;
+    }
+}
+
+// Items of other threads. Taking the lock makes visible whatever the owner
+// posted before them, so the list is drained once more first.
+void KAMWorker::runForeign() {
+    std::vector<uintptr_t> taken;
+    {
+        std::lock_guard<std::mutex> guard(mForeignLock);
+        taken.swap(mForeign);
+        mForeignCount.store(0, std::memory_order_relaxed);
+    }
+    drainList();
+    for (uintptr_t link : taken) {
+        Bridge* item = untag(link);
+        item->run();
+        mLastName.store(item->getName(), std::memory_order_relaxed);
+        if (link & kOwned) delete static_cast<WorkItem*>(item);
+    }
+}
+
 void KAMWorker::process() {
-    mPending.store(0, std::memory_order_relaxed);
-    lockQueue();
-    if (mQueue.empty()) {
-        unlockQueue();
-        sem_wait(&mWakeSem);
+    for (;;) {
+        drainList();
+        if (mForeignCount.load(std::memory_order_acquire) == 0) break;
+        runForeign();
+    }
+    mSleeping.store(1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (__atomic_load_n(&mHead->mNext, __ATOMIC_RELAXED) != 0 || mForeignCount.load(std::memory_order_relaxed) != 0) {
+        // More came. If a waker took the flag first, its post is on the way:
+        // take it, so that the semaphore is back at zero.
+        if (mSleeping.exchange(0, std::memory_order_acq_rel) == 0) sem_wait(&mWakeSem);
         return;
     }
-    // The drained vector of the last cycle (empty, capacity kept) goes back
-    // to the producer, so that steady posting never reallocates the queue.
-    std::vector<WorkItem*> taken;
-    taken.swap(mSpareQueue);
-    taken.swap(mQueue);
-    unlockQueue();
-
-    for (WorkItem* item : taken) {
-        if (Bridge* b = item->bridge) {
-            b->run();
-            mLastName.store(b->getName(), std::memory_order_relaxed);
-        } else {
-            item->func();  // an empty function throws: fatal, as intended
-            mLastName.store(item->name, std::memory_order_relaxed);
-            delete item;
-        }
-    }
-    taken.clear();
-    taken.swap(mSpareQueue);
-
-    if (mPending.load(std::memory_order_relaxed) < 1) sem_wait(&mWakeSem);
+    sem_wait(&mWakeSem);
 }
 
 }  // namespace android
