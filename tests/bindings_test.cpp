@@ -355,7 +355,7 @@ TEST_F(BindingsTest, ElementBufferFollowsTheVertexArray) {
         ctx.drain();
         fake::reset();
         for (const auto& op : tc.ops) {
-            const GLuint vao = op.second < 0 ? 0 : vaos[op.second];
+            const GLuint vao = op.first == kBindElements || op.second < 0 ? 0 : vaos[op.second];
             switch (op.first) {
                 case kBindVao: kam_glBindVertexArray(vao); break;
                 case kBindVaoOes: kam_glBindVertexArrayOES_opt(vao); break;
