@@ -24,6 +24,7 @@
 #include <dlfcn.h>
 #include <sys/prctl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -561,19 +562,25 @@ Window new_window() {
 }
 
 // The X server shows the last frame the application presented in w.
+// The driver's image reaches the X server on its own connection, so ours may
+// ask before the server has taken it: look until it shows, for a while.
 bool window_shows_last_frame(Window w, const char *when) {
     uint8_t a[3], b[3];
     frame_colours(gLastSeed, a, b);
-    XImage *img = XGetImage(gEnv.xdpy, w, 0, 0, kSize, kSize, AllPlanes, ZPixmap);
-    if (!img) {
-        gFailure.set("XGetImage failed");
-        return false;
-    }
-    const unsigned long left = XGetPixel(img, 0, kSize / 2), right = XGetPixel(img, kSize - 1, kSize / 2);
-    XDestroyImage(img);
     auto rgb = [](const uint8_t *c) { return (unsigned long)c[0] << 16 | (unsigned long)c[1] << 8 | c[2]; };
-    if ((left & 0xffffff) == rgb(b) && (right & 0xffffff) == rgb(a))
-        return true;
+    for (int tries = 0; tries < 200; ++tries) {
+        XSync(gEnv.xdpy, False);
+        XImage *img = XGetImage(gEnv.xdpy, w, 0, 0, kSize, kSize, AllPlanes, ZPixmap);
+        if (!img) {
+            gFailure.set("XGetImage failed");
+            return false;
+        }
+        const unsigned long left = XGetPixel(img, 0, kSize / 2), right = XGetPixel(img, kSize - 1, kSize / 2);
+        XDestroyImage(img);
+        if ((left & 0xffffff) == rgb(b) && (right & 0xffffff) == rgb(a))
+            return true;
+        usleep(50000);
+    }
     gFailure.set(std::string("the window does not show the last frame ") + when);
     return false;
 }
