@@ -38,6 +38,8 @@ KAM_PUBLIC void* kam_platform_no_context_table[1276];
 }
 
 namespace kamplatform {
+void releaseLayerContexts();
+
 namespace {
 
 constexpr uintptr_t kContextMagic = 0x4b414d43;  // "KAMC"
@@ -45,6 +47,10 @@ constexpr uintptr_t kSurfaceMagic = 0x4b414d53;  // "KAMS"
 
 struct ContextRec : PlatformContextRecord {
     int boundThreads = 0;
+    // Threads whose application has it current. While a thread is offloaded
+    // the driver has the layer's placeholder there and the worker has this
+    // one, so boundThreads cannot tell.
+    int appThreads = 0;
     bool destroyed = false;
     bool extensionsLoaded = false;
 };
@@ -78,6 +84,8 @@ struct ThreadState {
     SurfaceRec* read = nullptr;
 };
 thread_local ThreadState tState;
+// The context the application made current on this thread.
+thread_local ContextRec* tAppContext = nullptr;
 // An EGL error of the platform's own, returned by the thread's next
 // eglGetError unless another EGL call comes first (ensureInit clears it).
 thread_local EGLint tPendingError = EGL_SUCCESS;
@@ -108,7 +116,7 @@ SurfaceRec* findSurface(const void* handle) {
 }
 
 void freeIfUnused(ContextRec* r) {
-    if (r && r->destroyed && r->boundThreads == 0) {
+    if (r && r->destroyed && r->boundThreads == 0 && r->appThreads == 0) {
         delete r;
         gContextRecords--;
     }
@@ -118,6 +126,21 @@ void freeIfUnused(SurfaceRec* s) {
     if (s && s->destroyed && s->boundThreads == 0) {
         delete s;
         gSurfaceRecords--;
+    }
+}
+
+// Under gLock. A destroyed context that was current to some thread goes when
+// it is current to none, as EGL has it: its offload context with it, on the
+// caller's thread (releaseLayerContexts).
+void setAppContextLocked(ContextRec* r) {
+    static_cast<void>(&tExit);
+    ContextRec* old = tAppContext;
+    if (old == r) return;
+    if (r) r->appThreads++;
+    tAppContext = r;
+    if (old && --old->appThreads == 0 && old->destroyed) {
+        if (old->kamContext != nullptr) gReleasedLayerContexts.push_back(std::move(old->kamContext));
+        freeIfUnused(old);
     }
 }
 
@@ -138,8 +161,13 @@ void rebind(ContextRec* ctx, SurfaceRec* draw, SurfaceRec* read) {
 }
 
 ThreadExit::~ThreadExit() {
-    std::lock_guard<std::mutex> guard(gLock);
-    rebind(nullptr, nullptr, nullptr);
+    const bool app = tAppContext != nullptr;  // never a layer worker's
+    {
+        std::lock_guard<std::mutex> guard(gLock);
+        setAppContextLocked(nullptr);
+        rebind(nullptr, nullptr, nullptr);
+    }
+    if (app) releaseLayerContexts();
 }
 
 void* openOrDie(const char* path) {
@@ -341,7 +369,10 @@ EGLBoolean impl_eglDestroyContext(EGLDisplay dpy, EGLContext ctx) {
     if (ok && r) {
         gContexts.erase(r);
         r->destroyed = true;
-        if (r->kamContext != nullptr) gReleasedLayerContexts.push_back(std::move(r->kamContext));
+        // One current to a thread stays usable there: the application may
+        // go on rendering with it until it releases it.
+        if (r->kamContext != nullptr && r->appThreads == 0)
+            gReleasedLayerContexts.push_back(std::move(r->kamContext));
         freeIfUnused(r);
     }
     return ok;
@@ -459,6 +490,14 @@ void* liveContext(EGLContext ctx) {
 void* liveSurface(EGLSurface surface) {
     std::lock_guard<std::mutex> guard(gLock);
     return findSurface(surface);
+}
+
+void setAppContext(void* record) {
+    {
+        std::lock_guard<std::mutex> guard(gLock);
+        setAppContextLocked(static_cast<ContextRec*>(record));
+    }
+    releaseLayerContexts();
 }
 
 void releaseLayerContexts() {
@@ -600,6 +639,9 @@ namespace {
 // worker and the placeholder leave it alone.
 EGLBoolean makeCurrentWithHooks(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
     void* record = liveContext(ctx);
+    // Read before the hooks: attaching a context the layer already has
+    // re-points the thread at it.
+    android::KAMContext* offloaded = android::activeContext();
     kam_platform_gl_slot = record ? static_cast<void*>(gDriverGlTable()) : static_cast<void*>(kam_platform_no_context_table);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPre(record, liveSurface(draw));
     // A thread that leaves its offloaded context for another one or for none
@@ -609,13 +651,13 @@ EGLBoolean makeCurrentWithHooks(EGLDisplay dpy, EGLSurface draw, EGLSurface read
     // The worker's queue is drained first: it may still hold the frame's
     // swap, and the application is free to destroy the surface and its
     // window as soon as this returns.
-    android::KAMContext* offloaded = android::activeContext();
     if (offloaded && offloaded->mEglContext != record && (ctx == EGL_NO_CONTEXT || record)) {
         offloaded->mWorker->postSync([] {}, "eglMakeCurrent");
-        KAMManager::INSTANCE->makeCurrentPost(nullptr);
+        if (android::attachedContext() == offloaded) KAMManager::INSTANCE->makeCurrentPost(nullptr);
     }
     EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
+    if (ok && (ctx == EGL_NO_CONTEXT || record)) setAppContext(record);
     return ok;
 }
 }  // namespace
