@@ -678,15 +678,18 @@ def gen_bridge_cases(gl, bridges):
     return "\n".join(out) + "\n"
 
 
-def gen_offload_cases(gl, copy_sizes):
+def gen_offload_cases(gl, copy_sizes, bridges):
     """One case per GL name for an offloaded thread: small distinct argument
-    values (so that copy sizes stay small), and for copies the byte count the
-    layer should take and which argument is the copied pointer."""
-    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "recording/Record.h"', "",
-           "namespace cases {", "namespace {", ""]
+    values (so that copy sizes stay small), for copies the byte count the
+    layer should take and which argument is the copied pointer, and for
+    recorded calls the size of the command the arena should hold."""
+    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "kam_bridges.h"',
+           '#include "recording/Record.h"', "", "using namespace android;", "", "namespace cases {", "namespace {", ""]
     for i, e in enumerate(gl):
         out.append("void off_%s(void* fn, Outcome& o) {" % e.name)
         out += arg_locals(e, 0x3000 + i * 16, small=True)
+        if e.kind in ("recorded", "copy") and e.name in bridges:
+            out.append("    o.bridgeSize = sizeof(%s_Bridge);" % e.name)
         if e.kind == "copy" and e.name in copy_sizes and copy_sizes[e.name][0] != "-":
             param, expr = copy_sizes[e.name]
             idx = [p.name for p in e.params].index(param)
@@ -714,6 +717,46 @@ def gen_offload_cases(gl, copy_sizes):
     out.append("const ExportCase exportCases[] = {")
     out += ['    {"%s", "%s", "%s"},' % x for x in exports(gl)]
     out += ["};", "const int exportCaseCount = %d;" % len(exports(gl)), "}  // namespace cases"]
+    return "\n".join(out) + "\n"
+
+
+def gen_bad_cases(gl, copy_sizes):
+    """Hostile-argument cases, one per copying wrapper whose byte count is an
+    expression: every integer the rule reads is the test's count, every enum
+    the test's enum, a string the rule measures the test's text, and the
+    pointer the one the test gives for the rule's byte count."""
+    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "kam_wrappers.h"',
+           '#include "recording/Record.h"', "", "namespace cases {", "namespace {", ""]
+    names = []
+    for e in gl:
+        if e.kind != "copy" or e.form != "opt" or e.name not in copy_sizes:
+            continue
+        param, expr = copy_sizes[e.name]
+        if param == "-" or expr == "shadow":
+            continue
+        words = set(re.findall(r"\b[A-Za-z_]\w*\b", expr))
+        out.append("void bad_%s(const BadArgs& a, BadCall& c) {" % e.name)
+        for p in e.params:
+            if p.is_pointer:
+                continue
+            enum = "enum" in p.type.lower()
+            value = ("a.count" if p.name in words and not enum else "a.enumValue" if enum or p.name in words
+                     else "0.5" if re.search(r"float|clampf", p.type, re.I) else "1")
+            out.append("    const %s %s = static_cast<%s>(%s);" % (p.type, p.name, p.type, value))
+        rule = re.sub(r"std::strlen\(\w+\)", "std::strlen(kBadText)", size_expr(e, expr))
+        out += ["    const long long bytes = %s;" % rule, "    const void* p = nullptr;",
+                "    if (!a.pointer(bytes, &p, a.user)) {", "        c.skipped = true;", "        return;", "    }"]
+        for k, p in enumerate(e.params):
+            if p.is_pointer:
+                out.append("    %s %s = static_cast<%s>(%s);" % (p.type, p.name, p.type, "p" if p.name == param else "nullptr"))
+                if p.name == param:
+                    out.append("    c.pointerArg = %d;" % k)
+        out += ["    c.ruleBytes = bytes;", "    c.args = {%s};" % ", ".join("bits(%s)" % p.name for p in e.params),
+                "    %s(%s);" % (e.wrapper("opt"), e.args()), "}", ""]
+        names.append(e.name)
+    out += ["}  // namespace", "", "const BadCase badCases[] = {"]
+    out += ['    {"%s", &bad_%s},' % (n, n) for n in names]
+    out += ["};", "const int badCaseCount = %d;" % len(names), "}  // namespace cases"]
     return "\n".join(out) + "\n"
 
 
@@ -786,7 +829,8 @@ def main():
     write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
     write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
     write(a.out, "bridge_cases.cpp", gen_bridge_cases(gl, bridges))
-    write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes))
+    write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes, bridges))
+    write(a.out, "bad_input_cases.cpp", gen_bad_cases(gl, copy_sizes))
     write(a.out, "classification.txt", gen_report(gl, egl))
 
 

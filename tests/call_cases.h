@@ -3,6 +3,9 @@
 // Generated cases: each calls one table entry with distinct arguments and
 // reports what it passed and what came back.
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -19,6 +22,8 @@ struct Outcome {
     // also for copies that depend on shadowed state).
     int copyArg = -1;
     long long copyBytes = 0;
+    // Recorded calls and copies: the size of the command in the arena.
+    size_t bridgeSize = 0;
 };
 
 struct Case {
@@ -60,5 +65,60 @@ extern const int bridgeCaseCount;
 const void* testPointer(uintptr_t seed);
 
 using fake::bits;
+
+// Hostile arguments for every copying wrapper with a size rule: every
+// integer the rule reads is set to count, every enum to enumValue, and the
+// caller's pointer is asked for the rule's byte count.
+struct BadArgs {
+    long long count;
+    uint32_t enumValue;
+    // False skips the case (no pointer can be given for that many bytes).
+    bool (*pointer)(long long bytes, const void** out, void* user);
+    void* user;
+};
+struct BadCall {
+    std::vector<uint64_t> args;  // as passed, bit patterns
+    int pointerArg = -1;
+    long long ruleBytes = 0;
+    bool skipped = false;
+};
+struct BadCase {
+    const char* name;
+    void (*run)(const BadArgs& a, BadCall& c);
+};
+extern const BadCase badCases[];
+extern const int badCaseCount;
+// Text that size rules measuring a string find at the caller's pointer.
+constexpr char kBadText[] = "kam-bad-input";
+
+// Exactly `bytes` of the caller's memory, followed by an inaccessible page:
+// a copy that reads further faults. Above 64 MiB only address space (zeros,
+// read-only, none on 32-bit targets), for sizes whose 32-bit count wraps.
+class Guarded {
+public:
+    static constexpr long long kFilled = 64ll << 20;
+    explicit Guarded(long long bytes) : mBytes(bytes < 0 ? 0 : bytes) {
+        const long long page = sysconf(_SC_PAGESIZE), length = (mBytes + page - 1) / page * page + page;
+        if (static_cast<long long>(static_cast<size_t>(length)) != length) return;
+        const int prot = mBytes > kFilled ? PROT_READ : PROT_READ | PROT_WRITE;
+        void* base = mmap(nullptr, length, prot, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (base == MAP_FAILED) return;
+        mBase = static_cast<uint8_t*>(base), mLength = static_cast<size_t>(length);
+        mprotect(mBase + mLength - page, page, PROT_NONE);
+        mData = mBase + mLength - page - mBytes;
+        for (long long i = 0; mBytes <= kFilled && i < mBytes; ++i) mData[i] = kBadText[i % sizeof kBadText];
+    }
+    ~Guarded() {
+        if (mBase) munmap(mBase, mLength);
+    }
+    uint8_t* data() const { return mData; }
+    // The caller's bytes can be compared with a copy.
+    bool filled() const { return mData != nullptr && mBytes <= kFilled; }
+
+private:
+    long long mBytes;
+    uint8_t *mBase = nullptr, *mData = nullptr;
+    size_t mLength = 0;
+};
 
 }  // namespace cases

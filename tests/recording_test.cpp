@@ -1,53 +1,44 @@
-// GL calls on an offloaded thread: every wrapper served by its kind, and the
-// copy rules of the wrappers that take client memory.
+// GL calls on an offloaded thread: every wrapper served by its kind, with
+// the arena holding exactly its copy and command, in the application's order.
 
-#include <gtest/gtest.h>
 #include <dlfcn.h>
-#include <semaphore.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
+#include <memory>
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "call_cases.h"
-#include "kam_bridges.h"
 #include "kam_wrappers.h"
 #include "loader/KAMLoader.h"
 #include "support.h"
 
 using namespace android;
+using cases::Guarded;
 
 namespace {
-
-pthread_t workerThread(support::ActiveContext& ctx) {
-    return ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
-}
-
-bool onThread(const fake::Call& c, pthread_t t) { return pthread_equal(c.thread, t) != 0; }
 
 class RecordingTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        fake::reset();
         fake::clearHandlers();
         fake::setResult(0);
-        worker = workerThread(ctx);
-        self = pthread_self();
+        worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
         fake::reset();
     }
     void TearDown() override { fake::clearHandlers(); }
+    bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
 
-    // Calls and their state: as the wrapper returned, and once the worker has
-    // replayed everything.
+    // Calls as the wrapper returned, and once the worker has replayed everything.
     struct Seen {
-        std::vector<fake::Call> atReturn;
-        std::vector<fake::Call> after;
+        std::vector<fake::Call> atReturn, after;
     };
     template <class F>
     Seen run(F&& call) {
@@ -61,78 +52,66 @@ protected:
 
     support::ActiveContext ctx;
     pthread_t worker{};
-    pthread_t self{};
 };
 
+size_t align8(size_t n) { return (n + 7) / 8 * 8; }
+
 // Every GL name of the interposed table, through the entry the loader
-// installed, on an offloaded thread.
+// installed: recorded calls and copies take nothing from the driver while
+// the caller runs and exactly their copy and command from the arena; the
+// rest reach the driver before the wrapper returns, on the worker or, for
+// the origin kind, on the calling thread.
 TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
     KAMLoader* loader = KAMLoader::getInstance();
-    int counted[6] = {};
+    const pthread_t self = pthread_self();
+    KAMMemory& mem = ctx.get()->mMemory;
+    int counted[4] = {};
     for (int k = 0; k < cases::glCaseCount; ++k) {
         const cases::Case& c = cases::offloadCases[k];
         const std::string name = c.name, kind = c.kind;
         SCOPED_TRACE(name + " (" + kind + ")");
-        // Own tests: the finish and the error probe here, the pixel store
-        // (issued on both threads) and the vertex-array query (answered from
-        // shadow state) with the shadow state's tests.
-        // Mapping follows the buffer bindings shadowed by earlier cases, and
-        // the integer attribute pointer replays as the attribute pointer:
-        // both have their own tests too.
+        // With tests of their own: the finish and the error probe, the pixel
+        // store (issued on both threads), the vertex-array query (shadow
+        // state), mapping (shadowed bindings) and the integer attribute
+        // pointer (replayed as the plain one).
         if (name == "glFinish" || name == "glGetError" || name == "glPixelStorei" || name == "glIsVertexArray" ||
-            name == "glMapBufferRange" || name == "glUnmapBuffer" || name == "glVertexAttribIPointer") {
+            name == "glMapBufferRange" || name == "glUnmapBuffer" || name == "glVertexAttribIPointer")
             continue;
-        }
         // Earlier cases bind vertex arrays the layer never saw made, whose
         // element buffer a draw would ask the driver about first.
         ctx.get()->mBindings.currentVertexArray = 0;
         fake::setResult(0x600 + k);
         cases::Outcome out;
+        const uint8_t* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
         Seen s = run([&] { c.call(loader->mKamGl[k], out); });
-        if (!c.isVoid) {
-            EXPECT_EQ(out.result, out.expected);
-        }
+        const size_t used = static_cast<size_t>(mem.mCursor - start);
+        if (!c.isVoid) EXPECT_EQ(out.result, out.expected);
         ASSERT_EQ(s.after.size(), 1u);
         const fake::Call& call = s.after[0];
         std::vector<uint64_t> args = out.args;
-        std::string called = name;
-        if (kind == "bounds") {
-            called = name.substr(0, name.size() - 6);
-            args.pop_back();
-        }
-        EXPECT_EQ(call.name, called);
-
+        if (kind == "bounds") args.pop_back();
+        EXPECT_EQ(call.name, kind == "bounds" ? name.substr(0, name.size() - 6) : name);
         const bool copies = kind == "copy" && out.copyBytes >= 1;
         if (kind == "recorded" || copies) {
-            // Recorded: nothing reached the driver while the caller ran; the
-            // worker replayed it with the same values.
             EXPECT_TRUE(s.atReturn.empty());
-            EXPECT_TRUE(onThread(call, worker));
+            EXPECT_TRUE(onWorker(call));
             if (copies) {
                 const void* original = reinterpret_cast<const void*>(args[out.copyArg]);
                 const void* copy = reinterpret_cast<const void*>(call.args[out.copyArg]);
-                EXPECT_NE(copy, original);
+                EXPECT_EQ(copy, start);
                 EXPECT_EQ(memcmp(copy, original, static_cast<size_t>(out.copyBytes)), 0);
                 args[out.copyArg] = call.args[out.copyArg];
             }
-            EXPECT_EQ(call.args, args);
+            if (out.bridgeSize) EXPECT_EQ(used, (copies ? align8(out.copyBytes) : 0) + out.bridgeSize);
             ++counted[copies ? 1 : 0];
-        } else if (kind == "origin") {
-            ASSERT_EQ(s.atReturn.size(), 1u);
-            EXPECT_TRUE(onThread(call, self));
-            EXPECT_EQ(call.args, args);
-            ++counted[2];
         } else {
-            // Synchronous: the worker made the call, with the caller's own
-            // pointers, before the wrapper returned.
-            ASSERT_EQ(s.atReturn.size(), 1u) << "must wait for the worker";
-            EXPECT_TRUE(onThread(call, worker));
-            EXPECT_EQ(call.args, args);
-            ++counted[3];
+            ASSERT_EQ(s.atReturn.size(), 1u) << "must reach the driver before returning";
+            EXPECT_TRUE(kind == "origin" ? pthread_equal(call.thread, self) : onWorker(call));
+            ++counted[kind == "origin" ? 2 : 3];
         }
+        EXPECT_EQ(call.args, args);
         if (k % 64 == 0) ctx.frameBoundary();
     }
-    // Every kind was exercised in numbers.
     EXPECT_GT(counted[0], 400);
     EXPECT_GT(counted[1], 50);
     EXPECT_GT(counted[2], 30);
@@ -146,12 +125,10 @@ TEST_F(RecordingTest, ObjectCallsReachTheDriverInTheApplicationsOrder) {
     KAMLoader* loader = KAMLoader::getInstance();
 #define KAM_CALL(NAME) reinterpret_cast<kam_pfn_##NAME>(loader->mKamGl[kGl_##NAME])
     GLint v = 0;
-    struct Row {
-        const char* first;
-        const char* then;
+    const struct {
+        const char *first, *then;
         std::function<void()> a, b;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"glProgramParameteri", "glLinkProgram", [&] { KAM_CALL(glProgramParameteri)(3, GL_PROGRAM_SEPARABLE, 1); },
          [&] { KAM_CALL(glLinkProgram)(3); }},
         {"glProgramParameteriEXT", "glProgramBinary", [&] { KAM_CALL(glProgramParameteriEXT)(3, 0x8257, 1); },
@@ -178,7 +155,7 @@ TEST_F(RecordingTest, ObjectCallsReachTheDriverInTheApplicationsOrder) {
          [&] { KAM_CALL(glGetShaderiv)(4, GL_DELETE_STATUS, &v); }},
     };
 #undef KAM_CALL
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.first) + " then " + row.then);
         Seen s = run([&] {
             row.a();
@@ -204,8 +181,7 @@ TEST_F(RecordingTest, ExportedWrappersAreThePinnedInventory) {
     for (std::string line, kind, form; std::getline(in, line);) {
         std::istringstream words(line);
         int n = 0;
-        if (line.empty() || line[0] == '#' || !(words >> kind >> form >> n)) continue;
-        pinned[kind + " " + form] = n;
+        if (!line.empty() && line[0] != '#' && (words >> kind >> form >> n)) pinned[kind + " " + form] = n;
     }
     EXPECT_EQ(found, pinned);
     for (int i = 0; i < cases::plainTooCaseCount; ++i) {
@@ -217,123 +193,12 @@ TEST_F(RecordingTest, ExportedWrappersAreThePinnedInventory) {
         Seen s = run([&] { c.call(fn, out); });
         ASSERT_EQ(s.atReturn.size(), 1u) << "must wait for the worker";
         EXPECT_EQ(s.atReturn[0].name, c.name);
-        EXPECT_TRUE(onThread(s.atReturn[0], worker));
+        EXPECT_TRUE(onWorker(s.atReturn[0]));
     }
 }
 
-TEST_F(RecordingTest, CopiesAreTakenBeforeTheWrapperReturns) {
-    float values[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    const float before[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<float> replayed;
-    fake::setHandler("glUniform4fv", [&](const fake::Call& c) {
-        auto* p = reinterpret_cast<const float*>(c.args[2]);
-        replayed.assign(p, p + 4 * c.args[1]);
-        return 0;
-    });
-    fake::reset();
-    kam_glUniform4fv_opt(5, 2, values);
-    for (float& v : values) v = -1;  // the caller reuses its array at once
-    ctx.drain();
-    EXPECT_EQ(replayed, std::vector<float>(before, before + 8));
-}
-
-TEST_F(RecordingTest, CopySizeRules) {
-    float data[64];
-    for (int i = 0; i < 64; ++i) data[i] = static_cast<float>(i);
-    const GLchar label[] = "label-with-terminator";
-    struct Row {
-        const char* what;
-        std::function<void()> call;
-        const char* name;
-        size_t pointerArg;
-        long long bytes;  // expected copy, 0: synchronous with the caller's pointer
-    };
-    const Row rows[] = {
-        {"uniform vec4 x2", [&] { kam_glUniform4fv_opt(1, 2, data); }, "glUniform4fv", 2, 32},
-        {"matrix 3x4 x3", [&] { kam_glUniformMatrix3x4fv_opt(1, 3, GL_FALSE, data); }, "glUniformMatrix3x4fv", 3, 144},
-        {"program matrix x3", [&] { kam_glProgramUniformMatrix4fv_opt(1, 2, 3, GL_FALSE, data); },
-         "glProgramUniformMatrix4fv", 4, 192},
-        {"program vec3 x5", [&] { kam_glProgramUniform3fv_opt(1, 2, 5, data); }, "glProgramUniform3fv", 3, 60},
-        {"clear depth: still 16", [&] { kam_glClearBufferfv_opt(GL_DEPTH, 0, data); }, "glClearBufferfv", 2, 16},
-        {"fog colour: one value", [&] { kam_glFogfv_opt(GL_FOG_COLOR, data); }, "glFogfv", 1, 4},
-        {"border colour", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_BORDER_COLOR, data); },
-         "glTexParameterfv", 2, 16},
-        {"min filter", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, data); },
-         "glTexParameterfv", 2, 4},
-        {"swizzle A on a sampler", [&] { kam_glSamplerParameterfv_opt(3, GL_TEXTURE_SWIZZLE_A, data); },
-         "glSamplerParameterfv", 2, 4},
-        {"base level goes synchronous", [&] { kam_glTexParameterfv_opt(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, data); },
-         "glTexParameterfv", 2, 0},
-        {"unknown pname goes synchronous", [&] { kam_glSamplerParameterIiv_opt(3, 0x1234, reinterpret_cast<GLint*>(data)); },
-         "glSamplerParameterIiv", 2, 0},
-        {"count 0 goes synchronous", [&] { kam_glUniform4fv_opt(1, 0, data); }, "glUniform4fv", 2, 0},
-        {"negative count goes synchronous", [&] { kam_glUniform1fv_opt(1, -4, data); }, "glUniform1fv", 2, 0},
-        {"draw buffers", [&] { kam_glDrawBuffers_opt(3, reinterpret_cast<GLenum*>(data)); }, "glDrawBuffers", 1, 12},
-        {"label length 0: strlen + 1", [&] { kam_glLabelObjectEXT_opt(GL_BUFFER_OBJECT_EXT, 4, 0, label); },
-         "glLabelObjectEXT", 3, static_cast<long long>(sizeof label)},
-        {"label with length", [&] { kam_glLabelObjectEXT_opt(GL_BUFFER_OBJECT_EXT, 4, 5, label); }, "glLabelObjectEXT",
-         3, 5},
-        {"marker length 0", [&] { kam_glPushGroupMarkerEXT_opt(0, label); }, "glPushGroupMarkerEXT", 1,
-         static_cast<long long>(sizeof label)},
-        {"vertex attrib 3", [&] { kam_glVertexAttrib3fv_opt(2, data); }, "glVertexAttrib3fv", 1, 12},
-        {"invalidate 2 attachments", [&] { kam_glInvalidateFramebuffer_opt(GL_FRAMEBUFFER, 2, reinterpret_cast<GLenum*>(data)); },
-         "glInvalidateFramebuffer", 2, 8},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
-        Seen s = run(row.call);
-        ASSERT_EQ(s.after.size(), 1u);
-        const fake::Call& c = s.after[0];
-        EXPECT_EQ(c.name, row.name);
-        EXPECT_TRUE(onThread(c, worker));
-        const uint64_t original = c.name == "glLabelObjectEXT" || c.name == "glPushGroupMarkerEXT"
-                                      ? reinterpret_cast<uintptr_t>(label)
-                                      : reinterpret_cast<uintptr_t>(data);
-        if (row.bytes == 0) {
-            EXPECT_EQ(s.atReturn.size(), 1u) << "synchronous";
-            EXPECT_EQ(c.args[row.pointerArg], original);
-            continue;
-        }
-        EXPECT_TRUE(s.atReturn.empty()) << "recorded";
-        uint64_t copy = c.args[row.pointerArg];
-        ASSERT_NE(copy, original);
-        auto* mem = &ctx.get()->mMemory;
-        // The copy is exactly as long as the rule says: the next allocation
-        // (the following command's item) starts right after it, rounded to 8.
-        EXPECT_TRUE(copy >= reinterpret_cast<uintptr_t>(mem->mBase) && copy < reinterpret_cast<uintptr_t>(mem->mEnd));
-        EXPECT_EQ(memcmp(reinterpret_cast<void*>(copy), reinterpret_cast<void*>(original), row.bytes), 0);
-    }
-}
-
-TEST_F(RecordingTest, CopyTakesExactlyTheRuleFromTheArena) {
-    // A frame's arena usage tells how much a wrapper took: the copy and the
-    // command object (its own queue entry), nothing else.
-    float data[48] = {};
-    auto* mem = &ctx.get()->mMemory;
-    ctx.frameBoundary();
-    kam_glProgramUniformMatrix4fv_opt(1, 2, 3, GL_FALSE, data);  // count 3: three matrices
-    ctx.frameBoundary();
-    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(192 + sizeof(glProgramUniformMatrix4fv_Bridge)));
-    kam_glUniform3iv_opt(1, 3, reinterpret_cast<const GLint*>(data));  // 36 bytes, rounded up to 40
-    ctx.frameBoundary();
-    EXPECT_EQ(mem->mLastUsed, static_cast<int32_t>(40 + sizeof(glUniform3iv_Bridge)));
-}
-
-TEST_F(RecordingTest, NullAndSmallPointersAreRecordedAsTheyAre) {
-    for (uintptr_t p : {uintptr_t(0), uintptr_t(0x40), uintptr_t(0x10000)}) {
-        SCOPED_TRACE(p);
-        Seen s = run([&] { kam_glUniform4fv_opt(1, 2, reinterpret_cast<const GLfloat*>(p)); });
-        EXPECT_TRUE(s.atReturn.empty());
-        ASSERT_EQ(s.after.size(), 1u);
-        EXPECT_EQ(s.after[0].args[2], p);
-    }
-    // An offset into a bound element buffer records the draw.
-    Seen s = run([&] { kam_glDrawElements_opt(GL_TRIANGLES, 6, GL_UNSIGNED_SHORT, reinterpret_cast<void*>(12)); });
-    EXPECT_TRUE(s.atReturn.empty());
-    ASSERT_EQ(s.after.size(), 1u);
-    EXPECT_EQ(s.after[0].args[3], 12u);
-}
-
+// glFinish is a wake-up point of its own, not left for the 129th post, and
+// returns while the worker is still busy.
 TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
     std::atomic<bool> go{false}, holding{false};
     ctx.worker()->post(new WorkItem("hold",
@@ -347,28 +212,61 @@ TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
     }
     fake::reset();
     kam_glUniform1i_opt(0, 1);
-    kam_glFinish();  // returns although the worker is held
+    kam_glFinish();
     EXPECT_TRUE(fake::calls().empty());
-    // A wake-up point of its own, not left for the 129th post.
     EXPECT_EQ(ctx.worker()->pending(), 0);
     go.store(true);
     ctx.drain();
     auto calls = fake::calls();
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].name, "glFinish");
-    EXPECT_TRUE(onThread(calls[1], worker));
+    EXPECT_TRUE(onWorker(calls[1]));
 }
 
-TEST_F(RecordingTest, ManyRecordedCallsReplayInOrderAcrossWakeUps) {
-    std::vector<uint64_t> seen;
-    fake::setHandler("glUniform1i", [&](const fake::Call& c) {
-        seen.push_back(c.args[1]);
-        return 0;
-    });
-    for (int i = 0; i < 1000; ++i) kam_glUniform1i_opt(0, i);
-    ctx.drain();
-    ASSERT_EQ(seen.size(), 1000u);
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[i], static_cast<uint64_t>(i));
+// Every copying wrapper with a size rule, over hostile counts, enums and
+// pointers: a copy is made of exactly the bytes the rule gives (the caller's
+// memory ends there), else the call waits with the caller's pointer; null and
+// offsets reach the driver as they are.
+TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
+    const long long counts[] = {LLONG_MIN, INT_MIN, -1, 0, 1, 3, 0x10000000, INT_MAX, 0x100000001ll};
+    const uint32_t enums[] = {0xFFFFFFFFu, GL_TEXTURE_BORDER_COLOR, GL_TEXTURE_MIN_FILTER};
+    struct Pointer {
+        int kind;  // the caller's exact memory, null, the largest offset, the smallest address
+        std::unique_ptr<Guarded> memory;
+    };
+    int ran = 0;
+    for (int i = 0; i < cases::badCaseCount; ++i)
+        for (long long count : counts)
+            for (uint32_t e : enums)
+                for (int kind = 0; kind < 4; ++kind) {
+                    const cases::BadCase& bc = cases::badCases[i];
+                    SCOPED_TRACE(::testing::Message() << bc.name << " count " << count << " enum " << e << " pointer " << kind);
+                    Pointer ptr{kind, nullptr};
+                    cases::BadArgs args{count, e, [](long long bytes, const void** out, void* user) {
+                        auto* p = static_cast<Pointer*>(user);
+                        if (p->kind == 0 && bytes > Guarded::kFilled) return false;
+                        if (p->kind == 3 && bytes >= 1) return false;  // an address the GL would read
+                        if (p->kind == 0) p->memory.reset(new Guarded(bytes));
+                        *out = p->kind == 0 ? p->memory->data() : p->kind == 1 ? nullptr
+                               : reinterpret_cast<const void*>(uintptr_t{p->kind == 2 ? 0x10000u : 0x10001u});
+                        return true;
+                    }, &ptr};
+                    cases::BadCall call;
+                    Seen s = run([&] { bc.run(args, call); });
+                    if (call.skipped) continue;
+                    ++ran;
+                    ASSERT_EQ(s.after.size(), 1u);
+                    const bool copied = (kind == 0 && call.ruleBytes >= 1);
+                    if (kind == 0 || kind == 3) EXPECT_EQ(s.atReturn.size(), copied ? 0u : 1u);
+                    std::vector<uint64_t> got = s.after[0].args;
+                    if (copied) EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(),
+                                                 static_cast<size_t>(call.ruleBytes)), 0);
+                    if (copied) got[call.pointerArg] = call.args[call.pointerArg];
+                    EXPECT_EQ(got, call.args);
+                    if (HasFatalFailure()) return;
+                    ctx.frameBoundary();
+                }
+    EXPECT_GT(ran, cases::badCaseCount * 60);
 }
 
 }  // namespace

@@ -1,0 +1,829 @@
+// Shadow state on an offloaded thread: buffer mappings whose bytes must reach
+// the driver's mapping before it is unmapped, whatever the mix of maps,
+// flushes, unmaps, deletes and frame boundaries; the element buffer of each
+// vertex array; name pools; and client vertex arrays, of which a replayed
+// draw must see what the application had when it called.
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "call_cases.h"
+#include "kam_wrappers.h"
+#include "runtime/KAMThreadLocal.h"
+#include "shadow/Bindings.h"
+#include "shadow/ClientArray.h"
+#include "shadow/GLCaches.h"
+#include "support.h"
+
+using namespace android;
+using cases::Guarded;
+
+namespace {
+
+constexpr uint8_t kUntouched = 0xEE;
+
+// A driver that keeps buffer contents per name, bindings per thread (each
+// thread stands for its own context sharing the buffers) and the element
+// buffer per vertex array. A mapping is a staging copy that its unmap lands
+// in the buffer and then spoils: bytes written after the unmap are lost. Its
+// glDrawArrays(mode, first, count) stands for a draw reading buffer `first`.
+class FakeBuffers {
+public:
+    FakeBuffers() {
+        auto bind = [this](const fake::Call& c) { return slot(c.args[0]) = static_cast<GLuint>(c.args[c.args.size() == 2 ? 1 : 2]), 0; };
+        for (const char* name : {"glBindBuffer", "glBindBufferBase", "glBindBufferRange"}) fake::setHandler(name, bind);
+        for (const char* name : {"glBindVertexArray", "glBindVertexArrayOES"})
+            fake::setHandler(name, [](const fake::Call& c) { return vao() = static_cast<GLuint>(c.args[0]), 0; });
+        fake::setHandler("glGenVertexArrays", [this](const fake::Call& c) {
+            for (uint64_t i = 0; i < c.args[0]; ++i) reinterpret_cast<GLuint*>(c.args[1])[i] = nextVao++;
+            return 0;
+        });
+        fake::setHandler("glGetIntegerv", [this](const fake::Call& c) {
+            if (c.args[0] == GL_ELEMENT_ARRAY_BUFFER_BINDING) *reinterpret_cast<GLint*>(c.args[1]) = GLint(slot(GL_ELEMENT_ARRAY_BUFFER));
+            return 0;
+        });
+        fake::setHandler("glBufferData", [this](const fake::Call& c) {
+            std::vector<uint8_t>& store = data[slot(c.args[0])];
+            store.assign(c.args[1], kUntouched);
+            if (c.args[2] != 0) memcpy(store.data(), reinterpret_cast<const void*>(c.args[2]), c.args[1]);
+            return 0;
+        });
+        for (const char* name : {"glGetBufferParameteriv", "glGetBufferParameteri64v"})
+            fake::setHandler(name, [this, wide = name[22] == '6'](const fake::Call& c) {
+                const size_t size = data[slot(c.args[0])].size();
+                if (wide) *reinterpret_cast<GLint64*>(c.args[2]) = static_cast<GLint64>(size);
+                if (!wide) *reinterpret_cast<GLint*>(c.args[2]) = static_cast<GLint>(size);
+                return 0;
+            });
+        fake::setHandler("glMapBufferRange", [this](const fake::Call& c) -> uint64_t {
+            const GLuint b = slot(c.args[0]);
+            const auto offset = static_cast<int64_t>(c.args[1]), length = static_cast<int64_t>(c.args[2]);
+            if (b == 0 || offset < 0 || length < 1 || static_cast<int64_t>(data[b].size()) - offset < length || mappings[b].open)
+                return 0;
+            Mapping& m = mappings[b];
+            m = {static_cast<size_t>(offset), true, std::vector<uint8_t>(data[b].begin() + offset, data[b].begin() + offset + length)};
+            return reinterpret_cast<uintptr_t>(m.staging.data());
+        });
+        fake::setHandler("glUnmapBuffer", [this](const fake::Call& c) -> uint64_t {
+            Mapping& m = mappings[slot(c.args[0])];
+            if (m.open) std::copy(m.staging.begin(), m.staging.end(), data[slot(c.args[0])].begin() + m.offset);
+            std::fill(m.staging.begin(), m.staging.end(), 0xDD);
+            m.open = false;
+            return GL_TRUE;
+        });
+        fake::setHandler("glDrawArrays", [this](const fake::Call& c) { return drawn.push_back(data[GLuint(c.args[1])]), 0; });
+    }
+    ~FakeBuffers() { fake::clearHandlers(); }
+    static std::map<uint64_t, GLuint>& bound() {
+        static thread_local std::map<uint64_t, GLuint> perThread;
+        return perThread;
+    }
+    static GLuint& vao() {
+        static thread_local GLuint perThread = 0;
+        return perThread;
+    }
+    // Handlers run on one thread at a time: the tests drain in between.
+    GLuint& slot(uint64_t target) { return target == GL_ELEMENT_ARRAY_BUFFER ? elements[vao()] : bound()[target]; }
+
+    struct Mapping {
+        size_t offset = 0;
+        bool open = false;
+        std::vector<uint8_t> staging;
+    };
+    std::map<GLuint, std::vector<uint8_t>> data;
+    std::map<GLuint, Mapping> mappings;
+    std::map<GLuint, GLuint> elements;  // by vertex array
+    std::vector<std::vector<uint8_t>> drawn;
+    GLuint nextVao = 300;
+};
+
+std::vector<fake::Call> callsOn(pthread_t t) {
+    std::vector<fake::Call> out;
+    for (const fake::Call& c : fake::calls())
+        if (pthread_equal(c.thread, t)) out.push_back(c);
+    return out;
+}
+
+class BindingsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        support::clearLog();
+        FakeBuffers::bound().clear();
+        FakeBuffers::vao() = 0;
+        worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
+        fake::reset();
+    }
+    Bindings& bindings() { return ctx.get()->mBindings; }
+    // A buffer of 64 bytes, all kUntouched, bound to target on both sides.
+    void makeBuffer(GLenum target, GLuint name) {
+        kam_glBindBuffer_opt(target, name);
+        std::vector<uint8_t> init(64, kUntouched);
+        kam_glBufferData_opt(target, 64, init.data(), GL_DYNAMIC_DRAW);
+        ctx.drain();
+    }
+    support::ActiveContext ctx;
+    FakeBuffers driver;
+    const pthread_t self = pthread_self();
+    pthread_t worker{};
+};
+
+struct Range {
+    GLintptr offset;
+    GLsizeiptr length;
+};
+
+struct MapStep {
+    GLenum target;
+    GLuint buffer;
+    int bindBy;  // 0 glBindBuffer, 1 glBindBufferBase, 2 glBindBufferRange
+    GLintptr offset;
+    GLsizeiptr length;
+    GLbitfield access;
+    std::vector<Range> flushes;  // relative to the mapped range
+    std::vector<Range> lands;    // by default the flushes, or the whole range
+    int refs = 0;                // references the worker could not release
+};
+
+// Mappings of 64-byte buffers, each written through the returned pointer,
+// flushed, unmapped and drawn from before the next: every draw sees what the
+// driver holds at that point, through whichever binding point the buffer
+// was bound, and nothing reaches the driver on the calling thread.
+TEST_F(BindingsTest, EveryDrawSeesWhatItsMappingsWrote) {
+    const GLbitfield W = GL_MAP_WRITE_BIT, X = W | GL_MAP_FLUSH_EXPLICIT_BIT, U = W | GL_MAP_UNSYNCHRONIZED_BIT;
+    const GLenum A = GL_ARRAY_BUFFER, UB = GL_UNIFORM_BUFFER;
+    const std::vector<MapStep> cases[] = {
+        {{A, 1, 0, 16, 32, W, {}, {}}},
+        {{A, 2, 0, 16, 32, W | GL_MAP_INVALIDATE_RANGE_BIT, {}, {}}},
+        {{A, 3, 0, 16, 32, X, {{0, 16}}, {}}},
+        {{A, 4, 0, 16, 32, X, {{0, 4}, {8, 4}}, {}}},
+        {{A, 5, 0, 16, 32, X, {{0, 32}}, {}}},
+        {{A, 6, 0, 16, 32, X, {}, {}}},
+        {{A, 7, 0, 16, 32, X, {{20, 20}}, {{0, 32}}, 1}},
+        {{A, 8, 0, 16, 32, X, {{0, 4}, {30, 4}}, {{0, 4}}, 1}},
+        {{A, 9, 0, 16, 32, X, {{-4, 8}}, {{0, 32}}, 1}},
+        {{A, 10, 0, 16, 32, W, {{0, 4}}, {{0, 32}}, 1}},
+        {{A, 11, 0, 0, 64, W, {}, {}}, {A, 11, 0, 40, 8, W, {}, {}}},
+        {{A, 12, 0, 0, 64, W, {}, {}}, {A, 12, 0, 0, 64, W | GL_MAP_INVALIDATE_BUFFER_BIT, {}, {}}},
+        {{UB, 13, 1, 0, 64, W, {}, {}}, {UB, 14, 1, 0, 64, W, {}, {}}},
+        {{A, 15, 0, 0, 16, U, {}, {}}, {A, 15, 0, 16, 16, U, {}, {}}, {A, 15, 0, 32, 16, U, {}, {}}},
+        {{A, 16, 0, 0, 64, X, {{0, 8}}, {}}, {A, 16, 0, 0, 64, X, {{8, 8}}, {}}},
+        {{GL_TRANSFORM_FEEDBACK_BUFFER, 17, 2, 0, 64, W, {}, {}}, {GL_SHADER_STORAGE_BUFFER, 18, 2, 0, 64, W, {}, {}},
+         {GL_ATOMIC_COUNTER_BUFFER, 19, 1, 0, 64, W, {}, {}}, {UB, 20, 2, 16, 32, W, {}, {}}},
+    };
+    uint8_t fill = 0;
+    for (const auto& steps : cases) {
+        SCOPED_TRACE(steps[0].buffer);
+        std::map<GLuint, std::vector<uint8_t>> model;
+        for (const MapStep& s : steps) makeBuffer(s.target, s.buffer), model[s.buffer].assign(64, kUntouched);
+        for (const MapStep& s : steps) kam_glBindBuffer_opt(s.target, 0);  // only the binding calls below count
+        ctx.drain();
+        fake::reset();
+        driver.drawn.clear();
+        std::vector<std::vector<uint8_t>> expected;
+        for (const MapStep& s : steps) {
+            if (s.bindBy == 0) kam_glBindBuffer_opt(s.target, s.buffer);
+            if (s.bindBy == 1) kam_glBindBufferBase_opt(s.target, 0, s.buffer);
+            if (s.bindBy == 2) kam_glBindBufferRange_opt(s.target, 0, s.buffer, 0, 64);
+            auto* p = static_cast<uint8_t*>(kam_glMapBufferRange_opt(s.target, s.offset, s.length, s.access));
+            ASSERT_NE(p, nullptr);
+            fill += 0x31;
+            for (GLsizeiptr i = 0; i < s.length; ++i) p[i] = static_cast<uint8_t>(fill + i * 7);
+            for (const Range& f : s.flushes) kam_glFlushMappedBufferRange_opt(s.target, f.offset, f.length);
+            EXPECT_EQ(kam_glUnmapBuffer_opt(s.target), GL_TRUE);
+            kam_glDrawArrays_opt(GL_POINTS, static_cast<GLint>(s.buffer), 1);
+            const std::vector<Range> whole = {{0, s.length}};
+            for (const Range& r : !s.lands.empty() ? s.lands : !s.flushes.empty() ? s.flushes : whole)
+                for (GLsizeiptr i = r.offset; i < r.offset + r.length; ++i) model[s.buffer][s.offset + i] = static_cast<uint8_t>(fill + i * 7);
+            expected.push_back(model[s.buffer]);
+        }
+        EXPECT_TRUE(callsOn(self).empty());
+        ctx.drain();
+        EXPECT_EQ(driver.drawn, expected);
+        EXPECT_EQ(support::countLog("glMapBufferRange :"), 0);
+        BufferInfo* info = bindings().getBufferInfo(steps.back().target);
+        ASSERT_NE(info, nullptr);
+        EXPECT_EQ(info->refs.load(), steps.back().refs);
+        EXPECT_TRUE(info->mappedPointer == nullptr && !info->shadowMapped);
+    }
+}
+
+// Only ranges inside the buffer get shadow memory; the driver's size is
+// asked when not known, and the driver answers the rest on the calling
+// thread, where the application reads its errors.
+TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
+    makeBuffer(GL_ARRAY_BUFFER, 60);
+    const uint64_t before = bindings().allocatedBytes;
+    const struct {
+        GLintptr offset;
+        GLsizeiptr length;
+    } cases[] = {{0, 65}, {0x70000000, 16}, {-1, 8}, {60, 8}, {8, 0}, {8, -8}, {0, 64}, {16, 48}, {0, 65}};
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(::testing::Message() << tc.offset << " + " << tc.length);
+        const bool served = tc.length == 64 || tc.length == 48;
+        fake::reset();
+        void* p = kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, tc.offset, tc.length, GL_MAP_WRITE_BIT);
+        std::vector<fake::Call> here = callsOn(self);
+        EXPECT_EQ(p != nullptr, served);
+        ASSERT_EQ(here.size(), served ? 0u : 3u);
+        if (!served) EXPECT_EQ(here[0].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 60}));
+        if (!served) EXPECT_EQ(here[2].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 0}));
+        kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
+        EXPECT_LE(bindings().allocatedBytes - before, 64u);
+        ctx.drain();
+    }
+    // A size set through the layer is known without asking.
+    std::vector<uint8_t> bigger(128, kUntouched);
+    kam_glBufferData_opt(GL_ARRAY_BUFFER, 128, bigger.data(), GL_DYNAMIC_DRAW);
+    fake::reset();
+    EXPECT_NE(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 64, 64, GL_MAP_WRITE_BIT), nullptr);
+    EXPECT_EQ(bindings().getBufferInfo(GL_ARRAY_BUFFER)->capacity, 128u) << "grown to the whole buffer at once";
+    kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
+    ctx.drain();
+    for (const fake::Call& c : fake::calls()) EXPECT_EQ(c.name.find("glGetBufferParameter"), std::string::npos);
+}
+
+// Mappings the shadow does not serve: pixel-buffer reads inside the buffer
+// map on the calling thread (bind, size, map) and stay bound there until the
+// unmap; the rest map on the worker while the caller waits, and so unmap.
+TEST_F(BindingsTest, UnservedMappingsGoToTheDriver) {
+    const GLbitfield R = GL_MAP_READ_BIT, W = GL_MAP_WRITE_BIT;
+    const GLenum PP = GL_PIXEL_PACK_BUFFER, PU = GL_PIXEL_UNPACK_BUFFER;
+    const struct {
+        GLenum target;
+        GLuint bound;  // 0: nothing bound
+        bool mapTwice;
+        GLbitfield access;
+        GLsizeiptr length;  // from offset 8
+        size_t callsHere;   // calls on the calling thread at return; 0: the worker mapped
+        const char* message;
+    } cases[] = {
+        {GL_ARRAY_BUFFER, 0, false, W, 8, 0, "Target is binded a unkwon buffer"},
+        {GL_ARRAY_BUFFER, 21, true, W, 8, 0, "Buffer is already mapped"},
+        {GL_ARRAY_BUFFER, 22, false, R, 8, 0, nullptr},
+        {GL_UNIFORM_BUFFER, 23, false, R | W, 8, 0, nullptr},
+        {PP, 24, false, R | W, 8, 0, nullptr},
+        {PP, 25, false, R, 56, 3, nullptr},
+        {PU, 26, false, R, 56, 3, nullptr},
+        {PU, 27, false, R, 57, 3, nullptr},  // past the end: let go, and the worker maps
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.bound);
+        support::clearLog();
+        if (tc.bound != 0) makeBuffer(tc.target, tc.bound);
+        kam_glBindBuffer_opt(tc.target, tc.bound);
+        if (tc.mapTwice) kam_glMapBufferRange_opt(tc.target, 0, 8, W);
+        ctx.drain();
+        fake::reset();
+        void* p = kam_glMapBufferRange_opt(tc.target, 8, tc.length, tc.access);
+        const std::vector<fake::Call> here = callsOn(self), there = callsOn(worker);
+        const bool direct = tc.callsHere && tc.length == 56;
+        ASSERT_EQ(here.size(), tc.callsHere);
+        EXPECT_EQ(there.size(), direct ? 0u : 1u);
+        if (!direct) EXPECT_EQ(there.at(0).name, "glMapBufferRange");
+        if (tc.callsHere) EXPECT_EQ(here[1].name, "glGetBufferParameteriv");
+        if (tc.bound != 0 && tc.length < 57 && !tc.mapTwice) EXPECT_EQ(p, static_cast<void*>(driver.mappings[tc.bound].staging.data()));
+        if (tc.length == 57) EXPECT_EQ(here[2].args, (std::vector<uint64_t>{tc.target, 0}));
+        EXPECT_EQ(support::countLog(tc.message ? tc.message : "glMapBufferRange :"), tc.message ? 1 : 0);
+        fake::reset();
+        kam_glUnmapBuffer_opt(tc.target);
+        if (direct) EXPECT_EQ(callsOn(self).size(), 2u) << "the unmap, then letting the buffer go";
+        if (direct) EXPECT_EQ(callsOn(self)[1].args, (std::vector<uint64_t>{tc.target, 0}));
+        if (!direct && !tc.mapTwice) EXPECT_EQ(callsOn(worker).size(), 1u);
+        ctx.drain();
+    }
+}
+
+enum VaoOp { kBindVao, kBindVaoOes, kBindElements, kDeleteVao, kDeleteVaoOes, kDeleteBuffer };
+
+// The element-array binding is part of each vertex array: a draw's index
+// pointer is an offset exactly when the drawn vertex array has an element
+// buffer, and the driver is asked once about a vertex array made before the
+// context was attached.
+TEST_F(BindingsTest, ElementBufferFollowsTheVertexArray) {
+    const struct {
+        const char* name;
+        // Vertex-array ops take an index into the case's vertex arrays (-1:
+        // the default one); the others take a buffer name.
+        std::vector<std::pair<VaoOp, int>> ops;
+        bool indicesAreOffset;
+        int driverAsks;
+    } cases[] = {
+        {"kept by its vertex array while the default one drops it",
+         {{kBindVao, 0}, {kBindElements, 5}, {kBindVao, -1}, {kBindElements, 0}, {kBindVao, 0}}, true, 0},
+        {"the default one's buffer is not the drawn one's", {{kBindElements, 5}, {kBindVao, 0}}, false, 0},
+        {"through the OES names",
+         {{kBindVaoOes, 0}, {kBindElements, 5}, {kBindVaoOes, -1}, {kBindElements, 0}, {kBindVaoOes, 0}}, true, 0},
+        {"deleting the bound one falls back to the default",
+         {{kBindElements, 5}, {kBindVao, 1}, {kBindElements, 0}, {kDeleteVao, 1}}, true, 0},
+        {"the same through the OES delete",
+         {{kBindElements, 5}, {kBindVao, 1}, {kBindElements, 0}, {kDeleteVaoOes, 1}}, true, 0},
+        {"made before the context was attached", {{kBindVao, 2}}, true, 1},
+        {"made before, set since", {{kBindVao, 2}, {kBindElements, 0}}, false, 0},
+        {"deleting the element buffer unbinds it", {{kBindElements, 5}, {kDeleteBuffer, 5}}, false, 0},
+        {"deleting another buffer keeps it", {{kBindElements, 5}, {kDeleteBuffer, 6}}, true, 0},
+    };
+    driver.elements[77] = 5;
+    const GLushort indices[3] = {0, 1, 2};
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        GLuint vaos[3] = {0, 0, 77};
+        kam_glGenVertexArrays_opt(2, vaos);
+        kam_glBindVertexArray(0);
+        kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
+        ctx.drain();
+        fake::reset();
+        for (const auto& op : tc.ops) {
+            const GLuint vao = op.second < 0 ? 0 : vaos[op.second % 3], name = static_cast<GLuint>(op.second);
+            switch (op.first) {
+                case kBindVao: kam_glBindVertexArray(vao); break;
+                case kBindVaoOes: kam_glBindVertexArrayOES_opt(vao); break;
+                case kBindElements: kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, name); break;
+                case kDeleteVao: kam_glDeleteVertexArrays_opt(1, &vao); break;
+                case kDeleteVaoOes: kam_glDeleteVertexArraysOES(1, &vao); break;
+                case kDeleteBuffer: kam_glDeleteBuffers_opt(1, &name); break;
+            }
+        }
+        for (int draw = 0; draw < 2; ++draw) kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, indices);
+        ctx.drain();
+        int draws = 0, asks = 0;
+        for (const fake::Call& c : fake::calls()) {
+            asks += c.name == "glGetIntegerv";
+            if (c.name != "glDrawElements") continue;
+            ++draws;
+            EXPECT_EQ(c.args[3] == reinterpret_cast<uintptr_t>(indices), tc.indicesAreOffset);
+        }
+        EXPECT_EQ(draws, 2);
+        EXPECT_EQ(asks, tc.driverAsks);
+    }
+}
+
+// A buffer whose commands still hold a reference outlives its deletion until
+// the frame boundary; one with none goes at once. Either way every binding
+// of the name is dropped.
+TEST_F(BindingsTest, DeletionWaitsForReferencesUntilTheFrameBoundary) {
+    for (bool referenced : {true, false}) {
+        SCOPED_TRACE(referenced);
+        support::clearLog();
+        makeBuffer(GL_ARRAY_BUFFER, 9);
+        kam_glBindBuffer_opt(GL_COPY_WRITE_BUFFER, 9);
+        kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 32, GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT);
+        // A flush past the mapped range never gives its reference back.
+        if (referenced) kam_glFlushMappedBufferRange_opt(GL_ARRAY_BUFFER, 16, 32);
+        kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
+        ctx.drain();
+        const uint64_t before = bindings().allocatedBytes;
+        const GLuint names[] = {9};
+        kam_glDeleteBuffers_opt(1, names);
+        EXPECT_EQ(bindings().getBindingBuffer(GL_ARRAY_BUFFER) + bindings().getBindingBuffer(GL_COPY_WRITE_BUFFER), 0u);
+        EXPECT_EQ(bindings().buffers.count(9), 0u);
+        EXPECT_EQ(before - bindings().allocatedBytes, 64u);
+        EXPECT_EQ(bindings().pendingFree.size(), referenced ? 1u : 0u);
+        ctx.frameBoundary();
+        EXPECT_TRUE(bindings().pendingFree.empty());
+        EXPECT_EQ(support::countLog("Delete a mapped buffer=9 bufSize=64 refs=1"), referenced ? 1 : 0);
+    }
+}
+
+// Trimming on a Bindings of its own, the worker's halves run inline: idle
+// blocks go once the total is over the threshold; mapped or referenced
+// blocks stay whatever their age.
+TEST(TrimTest, OnlyIdleBlocksAboveTheThresholdGo) {
+    support::initLayer();
+    auto addBlock = [](Bindings& b, GLuint name, uint32_t bytes, uint32_t frame, bool unmap = true) {
+        b.bindBuffer(GL_ARRAY_BUFFER, name);
+        MappedInfo copy = *b.mapBufferRangePre(GL_ARRAY_BUFFER, 0, bytes, GL_MAP_WRITE_BIT, frame);
+        b.mapBufferRangePost(GL_ARRAY_BUFFER, &copy, nullptr);
+        if (unmap) copy = *b.unmapBufferPre(GL_ARRAY_BUFFER), b.unmapBufferPost(GL_ARRAY_BUFFER, &copy);
+    };
+    const struct {
+        uint32_t bigBlock;  // plus one 64-byte block, both used at frame 1000
+        uint32_t now;
+        size_t left;
+    } rows[] = {{16000000 - 64, 2000, 2}, {16000000 - 63, 1100, 0}, {16000000 - 63, 1099, 2}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.now);
+        support::clearLog();
+        Bindings b;
+        addBlock(b, 1, r.bigBlock, 1000);
+        addBlock(b, 2, 10, 1000);
+        const uint64_t total = b.allocatedBytes;
+        b.trimMemory(r.now);
+        EXPECT_EQ(support::countLog("Buffer Allocated: " + std::to_string(total) + " BufferInfoSize:2"), 1);
+        EXPECT_EQ(b.buffers.size(), r.left);
+        EXPECT_EQ(b.allocatedBytes, r.left ? total : 0u);
+    }
+    Bindings b;
+    addBlock(b, 1, 16000000, 0);
+    addBlock(b, 2, 64, 0, /*unmap=*/false);
+    addBlock(b, 3, 64, 0);
+    b.bindBuffer(GL_ARRAY_BUFFER, 3);
+    b.mapBufferRangePre(GL_ARRAY_BUFFER, 0, 8, GL_MAP_WRITE_BIT, 0);  // never replayed: holds a reference
+    b.unmapBufferPre(GL_ARRAY_BUFFER);
+    addBlock(b, 4, 64, 0);
+    b.trimMemory(500);
+    EXPECT_EQ(b.buffers.count(1) + b.buffers.count(4), 0u);
+    EXPECT_EQ(b.buffers.count(2) + b.buffers.count(3), 2u);
+    EXPECT_EQ(b.allocatedBytes, 128u);
+}
+
+// ------------------------------------------------------------------ name pools
+
+class NamePoolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fake::clearHandlers();
+        worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
+        for (const char* name : {"glGenVertexArrays", "glGenTransformFeedbacks"})
+            fake::setHandler(name, [this](const fake::Call& c) {
+                for (uint64_t i = 0; c.args[1] != 0 && i < c.args[0]; ++i) fake::fromBits<GLuint*>(c.args[1])[i] = next++;
+                return uint64_t{0};
+            });
+        fake::reset();
+    }
+    void TearDown() override { fake::clearHandlers(); }
+    GLCaches& caches() { return ctx.get()->mCaches; }
+    int left(int type) { return GLCaches::getSize(caches().mPools[type], GLCaches::kPoolSize); }
+    GLuint next = 500;
+    support::ActiveContext ctx;
+    pthread_t worker{};
+};
+
+// Generated names come from the worker before the first frame boundary, for
+// counts a pool cannot hold, or into memory that is not the client's; else
+// from the pool, which each boundary refills to eight. Counts of 0 and below
+// take nothing.
+TEST_F(NamePoolTest, GenerateServedByThePoolOrTheWorker) {
+    const struct {
+        bool afterBoundary;
+        GLsizei n;
+        bool clientMemory, worker;
+    } rows[] = {{false, 2, true, true}, {true, 3, true, false},   {true, 1, true, false},       {true, 9, true, true},
+                {true, 8, true, false}, {true, -1, true, false}, {true, INT_MIN, true, false}, {true, 1, false, true}};
+    for (const auto& r : rows)
+        for (auto gen : {kam_glGenVertexArrays_opt, kam_glGenTransformFeedbacks_opt}) {
+            SCOPED_TRACE(::testing::Message() << "n " << r.n << " after " << r.afterBoundary);
+            const int type = gen == kam_glGenVertexArrays_opt ? 0 : 1;
+            if (r.afterBoundary) ctx.frameBoundary();
+            if (r.afterBoundary) EXPECT_EQ(left(type), 8);
+            const std::vector<GLuint> pool(caches().mPools[type], caches().mPools[type] + 8);
+            std::vector<GLuint> out(16, 0);
+            GLuint* p = r.clientMemory ? out.data() : nullptr;
+            fake::reset();
+            gen(r.n, p);
+            const auto calls = fake::calls();  // no drain: what the wrapper waited for
+            ASSERT_EQ(calls.size(), r.worker ? 1u : 0u);
+            if (r.worker) EXPECT_EQ(calls[0].args, (std::vector<uint64_t>{fake::bits(r.n), fake::bits(p)}));
+            if (r.worker) EXPECT_TRUE(pthread_equal(calls[0].thread, worker));
+            const int taken = r.worker || r.n < 1 || !r.afterBoundary ? 0 : r.n;
+            EXPECT_EQ(left(type), r.afterBoundary ? 8 - taken : 0);
+            EXPECT_EQ(std::vector<GLuint>(out.begin(), out.begin() + taken), std::vector<GLuint>(pool.begin(), pool.begin() + taken));
+        }
+}
+
+// The driver answers glIsVertexArray with true only once a generated name
+// was bound; the shadow agrees on every generation path, forgets deleted
+// names, and deleting the bound one resets the binding.
+TEST_F(NamePoolTest, VertexArraysExistOnceBoundUntilDeleted) {
+    GLuint fromWorker[2] = {}, fromPool[2] = {}, fromOrigin[1] = {};
+    kam_glGenVertexArrays_opt(2, fromWorker);
+    ctx.frameBoundary();
+    kam_glGenVertexArrays_opt(2, fromPool);
+    gThreadRecord->mActiveContext = nullptr;  // attached, offload not running
+    kam_glGenVertexArrays_opt(1, fromOrigin);
+    gThreadRecord->mActiveContext = ctx.get();
+    const GLuint names[] = {fromWorker[0], fromWorker[1], fromPool[0], fromPool[1], fromOrigin[0]};
+    for (GLuint name : names) EXPECT_EQ(isVertexArrayFromShadow(name), GL_FALSE) << name;
+    for (GLuint name : names) kam_glBindVertexArray(name);
+    for (GLuint name : names) EXPECT_EQ(isVertexArrayFromShadow(name), GL_TRUE) << name;
+    const GLuint deleted[] = {fromPool[0], fromPool[1], 0, 12345};
+    kam_glDeleteVertexArrays_opt(4, deleted);
+    EXPECT_EQ(ctx.get()->mBindings.currentVertexArray, fromOrigin[0]) << "another one stays bound";
+    kam_glDeleteVertexArrays_opt(1, &fromOrigin[0]);
+    EXPECT_EQ(ctx.get()->mBindings.currentVertexArray, 0u);
+    for (GLuint name : names)
+        EXPECT_EQ(isVertexArrayFromShadow(name) == GL_TRUE, name == fromWorker[0] || name == fromWorker[1]) << name;
+}
+
+// ------------------------------------------------------------ client arrays
+
+class ClientArrayTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fake::clearHandlers();
+        ctx.get()->mClientArrays = true;
+        worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
+        fake::reset();
+    }
+    // What the call left the worker: calls made before the wrapper returned,
+    // and all of them once replayed. Copies stay in the arena until the
+    // frame boundary.
+    struct Seen {
+        std::vector<fake::Call> atReturn, all;
+    };
+    template <class F>
+    Seen run(F&& call) {
+        ctx.drain();
+        fake::reset();
+        call();
+        Seen s{fake::calls(), {}};
+        ctx.drain();
+        s.all = fake::calls();
+        return s;
+    }
+    static std::vector<uint8_t> at(uint64_t p, size_t n) {
+        auto* b = reinterpret_cast<const uint8_t*>(p);
+        return std::vector<uint8_t>(b, b + n);
+    }
+    support::ActiveContext ctx;
+    pthread_t worker{};
+};
+
+std::vector<uint8_t> indexBytes(GLenum type, const std::vector<uint32_t>& indices) {
+    const size_t n = type == GL_UNSIGNED_BYTE ? 1 : type == GL_UNSIGNED_SHORT ? 2 : 4;
+    std::vector<uint8_t> out;
+    for (uint32_t i : indices) out.insert(out.end(), reinterpret_cast<uint8_t*>(&i), reinterpret_cast<uint8_t*>(&i) + n);
+    return out;
+}
+
+// An indexed draw copies its indices and, packed, the vertices up to the
+// largest one they reach: the caller's array ends right after that vertex.
+TEST_F(ClientArrayTest, IndexedDrawsCopyTheReachableVertices) {
+    const struct {
+        const char* name;
+        GLint size;
+        GLenum attribType;
+        GLsizei stride;
+        GLenum indexType;
+        std::vector<uint32_t> indices;
+        size_t vertices;
+        bool restart;  // GL_PRIMITIVE_RESTART_FIXED_INDEX enabled
+        bool range;    // glDrawRangeElements
+    } cases[] = {
+        {"strided floats", 3, GL_FLOAT, 20, GL_UNSIGNED_SHORT, {0, 2, 1}, 3, false, false},
+        {"packed floats, stride 0", 3, GL_FLOAT, 0, GL_UNSIGNED_SHORT, {0, 2, 1}, 3, false, false},
+        {"the range form", 4, GL_FLOAT, 16, GL_UNSIGNED_SHORT, {0, 3}, 4, false, true},
+        {"bytes, strided", 2, GL_UNSIGNED_BYTE, 7, GL_UNSIGNED_BYTE, {4, 1}, 5, false, false},
+        {"halves", 3, GL_HALF_FLOAT, 0, GL_UNSIGNED_INT, {2, 1}, 3, false, false},
+        {"packed 10-bit type holds a vertex in one word", 4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, GL_UNSIGNED_INT, {1, 0}, 2, false, false},
+        {"top-bit int indices are not the maximum", 2, GL_SHORT, 0, GL_UNSIGNED_INT, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4, false, false},
+        {"all indices zero: vertex 0 too is copied", 3, GL_FLOAT, 20, GL_UNSIGNED_SHORT, {0, 0, 0}, 1, false, false},
+        {"the largest index last of five", 1, GL_FLOAT, 8, GL_UNSIGNED_INT, {0, 1, 2, 3, 6}, 7, false, false},
+        {"GL_FIXED, 4 bytes a component", 2, GL_FIXED, 12, GL_UNSIGNED_SHORT, {0, 2, 1}, 3, false, false},
+        {"restart index names no vertex", 3, GL_FLOAT, 0, GL_UNSIGNED_SHORT, {0, 2, 0xFFFF, 1, 3}, 4, true, false},
+        {"restart index, bytes", 2, GL_SHORT, 6, GL_UNSIGNED_BYTE, {1, 0xFF, 2}, 3, true, false},
+        {"restart off: the largest value is a vertex", 1, GL_UNSIGNED_BYTE, 0, GL_UNSIGNED_BYTE, {0xFF, 1}, 256, false, false},
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        const size_t elem = tc.attribType == GL_UNSIGNED_INT_2_10_10_10_REV
+                                ? 4 : static_cast<size_t>(kamTypeSize(tc.attribType)) * static_cast<size_t>(tc.size);
+        const size_t step = tc.stride ? static_cast<size_t>(tc.stride) : elem;
+        const long long bytes = static_cast<long long>((tc.vertices - 1) * step + elem);
+        Guarded data(bytes);
+        std::vector<uint8_t> packed;
+        for (long long i = 0; i < bytes; ++i) data.data()[i] = static_cast<uint8_t>(i * 3 + 1);
+        for (size_t v = 0; v < tc.vertices; ++v) packed.insert(packed.end(), data.data() + v * step, data.data() + v * step + elem);
+        std::vector<uint8_t> idx = indexBytes(tc.indexType, tc.indices);
+        const std::vector<uint8_t> original = idx;
+        kam_glVertexAttribPointer_opt(2, tc.size, tc.attribType, GL_TRUE, tc.stride, data.data());
+        (tc.restart ? kam_glEnable_opt : kam_glDisable_opt)(GL_PRIMITIVE_RESTART_FIXED_INDEX);
+        const GLsizei count = static_cast<GLsizei>(tc.indices.size());
+        Seen s = run([&] {
+            if (tc.range) kam_glDrawRangeElements_opt(GL_TRIANGLES, 0, 3, count, tc.indexType, idx.data());
+            if (!tc.range) kam_glDrawElements_opt(GL_TRIANGLES, count, tc.indexType, idx.data());
+            // The application reuses its memory as soon as the call returns.
+            memset(data.data(), 0, static_cast<size_t>(bytes));
+            std::fill(idx.begin(), idx.end(), 0);
+        });
+        EXPECT_TRUE(s.atReturn.empty());
+        ASSERT_EQ(s.all.size(), 2u);
+        const fake::Call &attrib = s.all[0], &draw = s.all[1];
+        EXPECT_EQ(attrib.name, "glVertexAttribPointer");
+        EXPECT_EQ(std::vector<uint64_t>(attrib.args.begin(), attrib.args.end() - 1),
+                  (std::vector<uint64_t>{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0}));
+        EXPECT_EQ(at(attrib.args[5], packed.size()), packed);
+        EXPECT_EQ(draw.name, tc.range ? "glDrawRangeElements" : "glDrawElements");
+        EXPECT_EQ(at(draw.args[tc.range ? 5 : 3], original.size()), original);
+        kam_glVertexAttribPointer_opt(2, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
+        ctx.frameBoundary();
+    }
+}
+
+// An attribute call the GL rejects leaves the attribute, and the record, as
+// they were; the integer form is kept and replayed as the plain one; offsets
+// make no record.
+TEST_F(ClientArrayTest, AttributeRecordsTakeWhatTheGlAccepts) {
+    uint8_t kept[16] = {}, rejected[16] = {};
+    const struct {
+        GLint size;
+        GLenum type;
+        GLsizei stride;
+    } rows[] = {{4, GL_FLOAT, -16}, {0, GL_FLOAT, 0}, {5, GL_FLOAT, 0}, {INT_MAX, GL_BYTE, 0}, {4, 0x1234, 0},
+                {1, GL_UNSIGNED_INT_24_8, 0}, {3, GL_UNSIGNED_INT_2_10_10_10_REV, 0}, {2, GL_INT_2_10_10_10_REV, 0}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::Message() << r.size << " " << r.type << " " << r.stride);
+        kam_glVertexAttribPointer_opt(2, 4, GL_INT_2_10_10_10_REV, GL_TRUE, 4, kept);
+        kam_glVertexAttribPointer_opt(2, r.size, r.type, GL_FALSE, r.stride, rejected);
+        const ClientArray* a = ctx.get()->mAttribArrays[2];
+        ASSERT_NE(a, nullptr);
+        EXPECT_EQ(a->pointer, kept);
+        EXPECT_EQ(a->size * 0x10000 + a->stride, 4 * 0x10000 + 4);
+        EXPECT_EQ(a->type, static_cast<GLenum>(GL_INT_2_10_10_10_REV));
+    }
+    Seen s = run([&] {
+        kam_glVertexAttribIPointer_opt(5, 2, GL_INT, 8, kept);
+        kam_glVertexAttribPointer_opt(6, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(0x10000));
+        kam_glVertexAttribPointer_opt(16, 1, GL_FLOAT, GL_FALSE, 0, kept);
+    });
+    ASSERT_EQ(s.all.size(), 3u);
+    EXPECT_EQ(s.all[0].name, "glVertexAttribPointer");
+    EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{5, 2, GL_INT, GL_FALSE, 8, fake::bits(kept)}));
+    ASSERT_NE(ctx.get()->mAttribArrays[5], nullptr);
+    EXPECT_EQ(ctx.get()->mAttribArrays[5]->type, static_cast<GLenum>(GL_INT));
+    EXPECT_EQ(ctx.get()->mAttribArrays[6], nullptr);
+    ASSERT_NE(ctx.get()->mAttribArrays[16], nullptr);
+}
+
+// Draws that copy no vertex data: those that read none from client memory
+// are recorded with their indices copied; those that do, without emulation
+// or with indices in a buffer, are drawn while the caller waits, after the
+// attributes an earlier draw left on copies get the caller's pointers back.
+TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
+    const struct {
+        const char* name;
+        bool clientArrays, elementBuffer, disable, offsetPointer, waits;
+    } cases[] = {
+        {"emulation off", false, false, false, false, true},
+        {"element buffer bound", true, true, false, false, true},
+        {"attribute disabled", true, false, true, false, false},
+        {"buffer offset set", true, false, false, true, false},
+    };
+    std::vector<uint8_t> data(64, 0x3C);
+    const GLushort idx[] = {0, 2, 1};
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        kam_glVertexAttribPointer_opt(3, 3, GL_FLOAT, GL_FALSE, 0, data.data());
+        kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);  // leaves the attribute on a copy
+        ctx.get()->mClientArrays = tc.clientArrays;
+        kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, tc.elementBuffer ? 40 : 0);
+        if (tc.disable) kam_glDisableVertexAttribArray_opt(3);
+        if (tc.offsetPointer) kam_glVertexAttribPointer_opt(3, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
+        ctx.drain();
+        Seen s = run([&] {
+            kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);
+            kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);
+        });
+        const size_t restored = tc.waits ? 1 : 0;  // once, not per draw
+        ASSERT_EQ(s.all.size(), 2 + restored);
+        EXPECT_EQ(s.atReturn.size(), tc.waits ? 3u : 0u);
+        if (tc.waits) EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())}));
+        const fake::Call& draw = s.all.back();
+        EXPECT_EQ(draw.name, "glDrawElements");
+        if (tc.waits) EXPECT_EQ(draw.args[3], fake::bits(idx));
+        if (!tc.waits) EXPECT_EQ(at(draw.args[3], 6), at(fake::bits(idx), 6));
+        if (!tc.waits) EXPECT_NE(draw.args[3], fake::bits(idx));
+        ctx.get()->mClientArrays = true;
+        kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
+        kam_glEnableVertexAttribArray_opt(3);
+        ctx.frameBoundary();
+    }
+}
+
+// glDrawArrays from client arrays copies the vertices it draws, first to
+// first + count - 1, with emulation, and without it is drawn while the
+// caller waits.
+TEST_F(ClientArrayTest, DrawArraysFromClientMemory) {
+    const struct {
+        bool clientArrays;
+        GLint size;
+        GLenum type;
+        GLsizei stride;
+    } cases[] = {{true, 3, GL_FLOAT, 20}, {true, 2, GL_FIXED, 12}, {false, 3, GL_FLOAT, 20}};
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.type);
+        ctx.get()->mClientArrays = tc.clientArrays;
+        const size_t elem = static_cast<size_t>(tc.size) * 4;
+        Guarded data(4 * tc.stride + static_cast<long long>(elem));  // vertex 4 is the last drawn
+        for (size_t i = 0; i < 4 * static_cast<size_t>(tc.stride) + elem; ++i) data.data()[i] = static_cast<uint8_t>(i * 5);
+        std::vector<uint8_t> drawn(data.data(), data.data() + 4 * tc.stride + elem);
+        kam_glVertexAttribPointer_opt(1, tc.size, tc.type, GL_FALSE, tc.stride, data.data());
+        Seen s = run([&] {
+            kam_glDrawArrays_opt(GL_TRIANGLES, 2, 3);
+            memset(data.data(), 0, drawn.size());
+        });
+        ASSERT_EQ(s.all.size(), tc.clientArrays ? 2u : 1u);
+        EXPECT_EQ(s.all.back().name, "glDrawArrays");
+        EXPECT_EQ(s.atReturn.size(), tc.clientArrays ? 0u : 1u);
+        if (tc.clientArrays) {
+            EXPECT_EQ(s.all[0].args[4], 0u);
+            // The worker reads vertex 2 where the pointer says vertex 2 is.
+            for (size_t v = 2; v < 5; ++v)
+                EXPECT_EQ(at(s.all[0].args[5] + v * elem, elem), std::vector<uint8_t>(drawn.begin() + v * tc.stride, drawn.begin() + v * tc.stride + elem)) << v;
+        }
+        kam_glVertexAttribPointer_opt(1, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
+        ctx.frameBoundary();
+    }
+}
+
+enum Ptr { kExact, kNull, kThreshold, kJustAbove };
+
+// Every draw taking indices or an indirect command, over hostile counts,
+// index types and pointers: indices in client memory are copied, exactly the
+// bytes the GL reads; what cannot be sized is drawn while the caller waits,
+// with the caller's pointer; offsets are recorded as they are. With vertex
+// data in client memory only the plain and range forms are recorded.
+TEST_F(ClientArrayTest, IndicesAndIndirectCommands) {
+    using Draw = void (*)(GLsizei, GLenum, const void*);
+    const struct {
+        const char* name;
+        Draw draw;
+    } draws[] = {
+        {"glDrawElements", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElements_opt(GL_TRIANGLES, n, t, p); }},
+        {"glDrawRangeElements", [](GLsizei n, GLenum t, const void* p) { kam_glDrawRangeElements_opt(GL_TRIANGLES, 0, 3, n, t, p); }},
+        {"glDrawElementsInstanced", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElementsInstanced_opt(GL_TRIANGLES, n, t, p, 7); }},
+        {"glDrawElementsBaseVertex", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElementsBaseVertex_opt(GL_TRIANGLES, n, t, p, 7); }},
+        {"glDrawElementsBaseVertexOES", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElementsBaseVertexOES_opt(GL_TRIANGLES, n, t, p, 7); }},
+        {"glDrawRangeElementsBaseVertex", [](GLsizei n, GLenum t, const void* p) { kam_glDrawRangeElementsBaseVertex_opt(GL_TRIANGLES, 0, 9, n, t, p, 7); }},
+        {"glDrawRangeElementsBaseVertexOES", [](GLsizei n, GLenum t, const void* p) { kam_glDrawRangeElementsBaseVertexOES_opt(GL_TRIANGLES, 0, 9, n, t, p, 7); }},
+        {"glDrawElementsInstancedBaseVertex", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElementsInstancedBaseVertex_opt(GL_TRIANGLES, n, t, p, 7, 8); }},
+        {"glDrawElementsInstancedBaseVertexOES", [](GLsizei n, GLenum t, const void* p) { kam_glDrawElementsInstancedBaseVertexOES_opt(GL_TRIANGLES, n, t, p, 7, 8); }},
+        {"glDrawArraysIndirect", [](GLsizei, GLenum, const void* p) { kam_glDrawArraysIndirect_opt(GL_TRIANGLES, p); }},
+        {"glDrawElementsIndirect", [](GLsizei, GLenum t, const void* p) { kam_glDrawElementsIndirect_opt(GL_TRIANGLES, t, p); }},
+    };
+    const struct {
+        GLenum type;
+        int bytes;  // per index, 0 for a type the GL rejects
+    } types[] = {{GL_UNSIGNED_BYTE, 1}, {GL_UNSIGNED_SHORT, 2}, {GL_UNSIGNED_INT, 4}, {GL_FLOAT, 0}, {GL_FIXED, 0}};
+    for (const auto& d : draws)
+        for (GLsizei count : {INT_MIN, -1, 0, 2, INT_MAX})
+            for (const auto& t : types)
+                for (Ptr kind : {kExact, kNull, kThreshold, kJustAbove}) {
+                    SCOPED_TRACE(::testing::Message() << d.name << " count " << count << " type " << t.type << " pointer kind " << kind);
+                    const bool indirect = strstr(d.name, "Indirect") != nullptr;
+                    // The indirect command is read by the driver, never by the layer.
+                    const long long bytes = indirect ? 20 : count >= 1 ? static_cast<long long>(count) * t.bytes : 0;
+                    if ((kind == kJustAbove && bytes >= 1) || (kind == kExact && bytes > Guarded::kFilled)) continue;
+                    Guarded caller(bytes);
+                    for (long long i = 0; kind == kExact && i < bytes; ++i) caller.data()[i] = i % 4 == 0 ? static_cast<uint8_t>(i % 3) : 0;
+                    const void* p = kind == kExact ? caller.data() : kind == kNull ? nullptr
+                                    : reinterpret_cast<const void*>(uintptr_t{kind == kThreshold ? 0x10000u : 0x10001u});
+                    Seen s = run([&] { d.draw(count, t.type, p); });
+                    ASSERT_EQ(s.all.size(), 1u);
+                    const uint64_t got = s.all[0].args[indirect ? s.all[0].args.size() - 1 : strstr(d.name, "Range") ? 5 : 3];
+                    const bool client = kind == kExact || kind == kJustAbove;
+                    const bool copied = client && !indirect && bytes >= 1;
+                    EXPECT_EQ(s.atReturn.size(), client && !copied ? 1u : 0u);
+                    if (!copied) EXPECT_EQ(got, fake::bits(p));
+                    if (copied) EXPECT_NE(got, fake::bits(p));
+                    if (copied) EXPECT_EQ(at(got, static_cast<size_t>(bytes)), at(fake::bits(p), static_cast<size_t>(bytes)));
+                    if (HasFailure()) return;
+                    ctx.frameBoundary();
+                }
+    // Vertex data in client memory: four vertices, indices 0 to 3.
+    std::vector<uint8_t> vertices(4 * 16, 0x3F);
+    const GLushort idx[] = {0, 3};
+    kam_glVertexAttribPointer_opt(0, 4, GL_FLOAT, GL_FALSE, 16, vertices.data());
+    for (const auto& d : draws) {
+        SCOPED_TRACE(d.name);
+        if (strstr(d.name, "Indirect")) continue;
+        Seen s = run([&] { d.draw(2, GL_UNSIGNED_SHORT, idx); });
+        const bool plain = d.name == std::string("glDrawElements") || d.name == std::string("glDrawRangeElements");
+        if (plain) EXPECT_EQ(s.all.size(), 2u);  // the vertex copy, the draw
+        EXPECT_EQ(s.atReturn.size(), plain ? 0u : s.all.size());
+        EXPECT_EQ(s.all.back().name, d.name);
+        ctx.frameBoundary();
+    }
+    // From a bound indirect buffer an indirect command is an offset.
+    kam_glBindBuffer_opt(GL_DRAW_INDIRECT_BUFFER, 50);
+    Seen s = run([&] { kam_glDrawArraysIndirect_opt(GL_TRIANGLES, idx); });
+    EXPECT_TRUE(s.atReturn.empty());
+    EXPECT_EQ(s.all.at(0).args[1], fake::bits(idx));
+}
+
+// Where size_t is 32 bits, a client copy sized from a huge index or count
+// wraps to a few bytes. The copy must be given up (the driver gets the
+// application's pointer, as without the layer) rather than sized by the
+// wrapped value or overrun by the strided vertex copy.
+TEST_F(ClientArrayTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
+    if (sizeof(size_t) > 4) GTEST_SKIP() << "64-bit size_t: these copy sizes cannot wrap";
+    const uint8_t vertices[16] = {};
+    const GLuint indices[] = {0, 0x55555555u};  // 0x55555556 vertices of 3 bytes: 2 bytes wrapped
+    kam_glVertexAttribPointer_opt(0, 3, GL_UNSIGNED_BYTE, GL_FALSE, 4, vertices);
+    kam_glDrawElements_opt(GL_POINTS, 2, GL_UNSIGNED_INT, indices);
+    // 0x40000001 indices of 4 bytes: 4 bytes wrapped. No vertex copy, which
+    // would read them all first.
+    ctx.get()->mClientArrays = false;
+    Seen s = run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
+    for (const fake::Call& c : s.all)
+        if (c.name == "glVertexAttribPointer") EXPECT_EQ(c.args[5], fake::bits(vertices));
+    ASSERT_FALSE(s.all.empty());
+    EXPECT_EQ(s.all.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
+}
+
+}  // namespace
