@@ -6,11 +6,10 @@
 
 #include <atomic>
 #include <climits>
-#include <memory>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,11 +30,8 @@ protected:
         fake::clearHandlers();
         fake::setResult(0);
         worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
-        fake::reset();
     }
-    void TearDown() override { fake::clearHandlers(); }
     bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
-
     // Calls as the wrapper returned, and once the worker has replayed everything.
     struct Seen {
         std::vector<fake::Call> atReturn, after;
@@ -49,21 +45,23 @@ protected:
         s.after = fake::calls();
         return s;
     }
-
+    // The generated case of a GL name, through the entry the loader installed.
+    void call(const std::string& name, cases::Outcome& out) {
+        for (int k = 0; k < cases::glCaseCount; ++k)
+            if (name == cases::offloadCases[k].name) return cases::offloadCases[k].call(KAMLoader::getInstance()->mKamGl[k], out);
+        FAIL() << name;
+    }
     support::ActiveContext ctx;
     pthread_t worker{};
 };
 
 size_t align8(size_t n) { return (n + 7) / 8 * 8; }
 
-// Every GL name of the interposed table, through the entry the loader
-// installed: recorded calls and copies take nothing from the driver while
-// the caller runs and exactly their copy and command from the arena; the
-// rest reach the driver before the wrapper returns, on the worker or, for
-// the origin kind, on the calling thread.
+// Every GL name: recorded calls and copies take nothing from the driver
+// while the caller runs and exactly their copy and command from the arena;
+// the rest reach the driver before the wrapper returns, on the worker or,
+// for the origin kind, on the calling thread. Always with the caller's values.
 TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
-    KAMLoader* loader = KAMLoader::getInstance();
-    const pthread_t self = pthread_self();
     KAMMemory& mem = ctx.get()->mMemory;
     int counted[4] = {};
     for (int k = 0; k < cases::glCaseCount; ++k) {
@@ -82,9 +80,8 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
         ctx.get()->mBindings.currentVertexArray = 0;
         fake::setResult(0x600 + k);
         cases::Outcome out;
-        const uint8_t* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
-        Seen s = run([&] { c.call(loader->mKamGl[k], out); });
-        const size_t used = static_cast<size_t>(mem.mCursor - start);
+        const auto* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
+        Seen s = run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
         if (!c.isVoid) EXPECT_EQ(out.result, out.expected);
         ASSERT_EQ(s.after.size(), 1u);
         const fake::Call& call = s.after[0];
@@ -96,17 +93,15 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
             EXPECT_TRUE(s.atReturn.empty());
             EXPECT_TRUE(onWorker(call));
             if (copies) {
-                const void* original = reinterpret_cast<const void*>(args[out.copyArg]);
-                const void* copy = reinterpret_cast<const void*>(call.args[out.copyArg]);
-                EXPECT_EQ(copy, start);
-                EXPECT_EQ(memcmp(copy, original, static_cast<size_t>(out.copyBytes)), 0);
+                EXPECT_EQ(call.args[out.copyArg], fake::bits(start));
+                EXPECT_EQ(memcmp(start, fake::fromBits<const void*>(args[out.copyArg]), size_t(out.copyBytes)), 0);
                 args[out.copyArg] = call.args[out.copyArg];
             }
-            if (out.bridgeSize) EXPECT_EQ(used, (copies ? align8(out.copyBytes) : 0) + out.bridgeSize);
+            if (out.bridgeSize) EXPECT_EQ(size_t(mem.mCursor - start), (copies ? align8(out.copyBytes) : 0) + out.bridgeSize);
             ++counted[copies ? 1 : 0];
         } else {
             ASSERT_EQ(s.atReturn.size(), 1u) << "must reach the driver before returning";
-            EXPECT_TRUE(kind == "origin" ? pthread_equal(call.thread, self) : onWorker(call));
+            EXPECT_TRUE(kind == "origin" ? pthread_equal(call.thread, pthread_self()) : onWorker(call));
             ++counted[kind == "origin" ? 2 : 3];
         }
         EXPECT_EQ(call.args, args);
@@ -122,48 +117,21 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
 // the driver in the application's order: a call served at once on the
 // calling thread must not overtake one recorded for the worker.
 TEST_F(RecordingTest, ObjectCallsReachTheDriverInTheApplicationsOrder) {
-    KAMLoader* loader = KAMLoader::getInstance();
-#define KAM_CALL(NAME) reinterpret_cast<kam_pfn_##NAME>(loader->mKamGl[kGl_##NAME])
-    GLint v = 0;
-    const struct {
-        const char *first, *then;
-        std::function<void()> a, b;
-    } rows[] = {
-        {"glProgramParameteri", "glLinkProgram", [&] { KAM_CALL(glProgramParameteri)(3, GL_PROGRAM_SEPARABLE, 1); },
-         [&] { KAM_CALL(glLinkProgram)(3); }},
-        {"glProgramParameteriEXT", "glProgramBinary", [&] { KAM_CALL(glProgramParameteriEXT)(3, 0x8257, 1); },
-         [&] { KAM_CALL(glProgramBinary)(3, 1, &v, 4); }},
-        {"glValidateProgram", "glGetProgramiv", [&] { KAM_CALL(glValidateProgram)(3); },
-         [&] { KAM_CALL(glGetProgramiv)(3, GL_VALIDATE_STATUS, &v); }},
-        {"glDetachShader", "glLinkProgram", [&] { KAM_CALL(glDetachShader)(3, 4); }, [&] { KAM_CALL(glLinkProgram)(3); }},
-        {"glUniform1f", "glLinkProgram", [&] { KAM_CALL(glUniform1f)(0, 1.0f); }, [&] { KAM_CALL(glLinkProgram)(3); }},
-        {"glUniformBlockBinding", "glGetActiveUniformBlockiv", [&] { KAM_CALL(glUniformBlockBinding)(3, 0, 2); },
-         [&] { KAM_CALL(glGetActiveUniformBlockiv)(3, 0, GL_UNIFORM_BLOCK_BINDING, &v); }},
-        {"glDeleteProgram", "glGetProgramiv", [&] { KAM_CALL(glDeleteProgram)(3); },
-         [&] { KAM_CALL(glGetProgramiv)(3, GL_DELETE_STATUS, &v); }},
-        {"glBindTexture", "glIsTexture", [&] { KAM_CALL(glBindTexture)(GL_TEXTURE_2D, 5); },
-         [&] { KAM_CALL(glIsTexture)(5); }},
-        {"glBindRenderbuffer", "glIsRenderbuffer", [&] { KAM_CALL(glBindRenderbuffer)(GL_RENDERBUFFER, 5); },
-         [&] { KAM_CALL(glIsRenderbuffer)(5); }},
-        {"glBindFramebuffer", "glIsFramebuffer", [&] { KAM_CALL(glBindFramebuffer)(GL_FRAMEBUFFER, 5); },
-         [&] { KAM_CALL(glIsFramebuffer)(5); }},
-        {"glBindSampler", "glIsSampler", [&] { KAM_CALL(glBindSampler)(0, 5); }, [&] { KAM_CALL(glIsSampler)(5); }},
-        {"glBindBuffer", "glIsBuffer", [&] { KAM_CALL(glBindBuffer)(GL_COPY_READ_BUFFER, 5); },
-         [&] { KAM_CALL(glIsBuffer)(5); }},
-        {"glEnable", "glIsEnabled", [&] { KAM_CALL(glEnable)(GL_BLEND); }, [&] { KAM_CALL(glIsEnabled)(GL_BLEND); }},
-        {"glDeleteShader", "glGetShaderiv", [&] { KAM_CALL(glDeleteShader)(4); },
-         [&] { KAM_CALL(glGetShaderiv)(4, GL_DELETE_STATUS, &v); }},
-    };
-#undef KAM_CALL
+    const std::pair<const char*, const char*> rows[] = {
+        {"glProgramParameteri", "glLinkProgram"},        {"glProgramParameteriEXT", "glProgramBinary"},
+        {"glValidateProgram", "glGetProgramiv"},         {"glDetachShader", "glLinkProgram"},
+        {"glUniform1f", "glLinkProgram"},                {"glUniformBlockBinding", "glGetActiveUniformBlockiv"},
+        {"glDeleteProgram", "glGetProgramiv"},           {"glBindTexture", "glIsTexture"},
+        {"glBindRenderbuffer", "glIsRenderbuffer"},      {"glBindFramebuffer", "glIsFramebuffer"},
+        {"glBindSampler", "glIsSampler"},                {"glBindBuffer", "glIsBuffer"},
+        {"glEnable", "glIsEnabled"},                     {"glDeleteShader", "glGetShaderiv"}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.first) + " then " + row.then);
-        Seen s = run([&] {
-            row.a();
-            row.b();
-        });
+        SCOPED_TRACE(std::string(row.first) + " then " + row.second);
+        cases::Outcome out;
+        Seen s = run([&] { call(row.first, out), call(row.second, out); });
         ASSERT_EQ(s.after.size(), 2u);
         EXPECT_EQ(s.after[0].name, row.first);
-        EXPECT_EQ(s.after[1].name, row.then);
+        EXPECT_EQ(s.after[1].name, row.second);
     }
 }
 
@@ -173,9 +141,8 @@ TEST_F(RecordingTest, ObjectCallsReachTheDriverInTheApplicationsOrder) {
 TEST_F(RecordingTest, ExportedWrappersAreThePinnedInventory) {
     std::map<std::string, int> found, pinned;
     for (int i = 0; i < cases::exportCaseCount; ++i) {
-        const cases::ExportCase& e = cases::exportCases[i];
-        EXPECT_NE(dlsym(RTLD_DEFAULT, e.symbol), nullptr) << e.symbol;
-        ++found[std::string(e.kind) + " " + e.form];
+        EXPECT_NE(dlsym(RTLD_DEFAULT, cases::exportCases[i].symbol), nullptr) << cases::exportCases[i].symbol;
+        ++found[std::string(cases::exportCases[i].kind) + " " + cases::exportCases[i].form];
     }
     std::ifstream in(KAM_API_DIR "/gl_exports.txt");
     for (std::string line, kind, form; std::getline(in, line);) {
@@ -201,26 +168,19 @@ TEST_F(RecordingTest, ExportedWrappersAreThePinnedInventory) {
 // returns while the worker is still busy.
 TEST_F(RecordingTest, FinishWakesTheWorkerAndDoesNotWait) {
     std::atomic<bool> go{false}, holding{false};
-    ctx.worker()->post(new WorkItem("hold",
-                                    [&go, &holding] {
-                                        holding.store(true);
-                                        while (!go.load()) {
-                                        }
-                                    }),
-                       true);
-    while (!holding.load()) {
+    ctx.worker()->post(new WorkItem("hold", [&go, &holding] { for (holding = true; !go;) {} }), true);
+    while (!holding) {
     }
     fake::reset();
     kam_glUniform1i_opt(0, 1);
     kam_glFinish();
     EXPECT_TRUE(fake::calls().empty());
     EXPECT_EQ(ctx.worker()->pending(), 0);
-    go.store(true);
+    go = true;
     ctx.drain();
-    auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[1].name, "glFinish");
-    EXPECT_TRUE(onWorker(calls[1]));
+    ASSERT_EQ(fake::calls().size(), 2u);
+    EXPECT_EQ(fake::calls()[1].name, "glFinish");
+    EXPECT_TRUE(onWorker(fake::calls()[1]));
 }
 
 // Every copying wrapper with a size rule, over hostile counts, enums and
@@ -234,6 +194,13 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
         int kind;  // the caller's exact memory, null, the largest offset, the smallest address
         std::unique_ptr<Guarded> memory;
     };
+    auto pointer = [](long long bytes, const void** out, void* user) {
+        auto* p = static_cast<Pointer*>(user);
+        if ((p->kind == 0 && bytes > Guarded::kFilled) || (p->kind == 3 && bytes >= 1)) return false;
+        if (p->kind == 0) p->memory.reset(new Guarded(bytes));
+        *out = p->kind == 0 ? p->memory->data() : p->kind == 1 ? nullptr : fake::fromBits<const void*>(0x10000u + (p->kind == 3));
+        return true;
+    };
     int ran = 0;
     for (int i = 0; i < cases::badCaseCount; ++i)
         for (long long count : counts)
@@ -242,25 +209,16 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
                     const cases::BadCase& bc = cases::badCases[i];
                     SCOPED_TRACE(::testing::Message() << bc.name << " count " << count << " enum " << e << " pointer " << kind);
                     Pointer ptr{kind, nullptr};
-                    cases::BadArgs args{count, e, [](long long bytes, const void** out, void* user) {
-                        auto* p = static_cast<Pointer*>(user);
-                        if (p->kind == 0 && bytes > Guarded::kFilled) return false;
-                        if (p->kind == 3 && bytes >= 1) return false;  // an address the GL would read
-                        if (p->kind == 0) p->memory.reset(new Guarded(bytes));
-                        *out = p->kind == 0 ? p->memory->data() : p->kind == 1 ? nullptr
-                               : reinterpret_cast<const void*>(uintptr_t{p->kind == 2 ? 0x10000u : 0x10001u});
-                        return true;
-                    }, &ptr};
+                    cases::BadArgs args{count, e, pointer, &ptr};
                     cases::BadCall call;
                     Seen s = run([&] { bc.run(args, call); });
                     if (call.skipped) continue;
                     ++ran;
                     ASSERT_EQ(s.after.size(), 1u);
-                    const bool copied = (kind == 0 && call.ruleBytes >= 1);
+                    const bool copied = kind == 0 && call.ruleBytes >= 1;
                     if (kind == 0 || kind == 3) EXPECT_EQ(s.atReturn.size(), copied ? 0u : 1u);
                     std::vector<uint64_t> got = s.after[0].args;
-                    if (copied) EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(),
-                                                 static_cast<size_t>(call.ruleBytes)), 0);
+                    if (copied) EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(), size_t(call.ruleBytes)), 0);
                     if (copied) got[call.pointerArg] = call.args[call.pointerArg];
                     EXPECT_EQ(got, call.args);
                     if (HasFatalFailure()) return;

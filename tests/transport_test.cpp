@@ -4,18 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cmath>
 #include <cstring>
-#include <fstream>
 #include <future>
-#include <limits>
 #include <thread>
 
-#include <unistd.h>
-
-#include "call_cases.h"
-#include "kam_bridges.h"
-#include "recording/Record.h"
 #include "support.h"
 #include "transport/KAMMemory.h"
 #include "transport/KAMWorker.h"
@@ -71,93 +63,6 @@ TEST(ArenaTest, RequestsLandInTheBlockOrInSeparateBlocks) {
     EXPECT_EQ(where(unprepared, p), kSeparate);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
     EXPECT_EQ(memcmp(p, &value, 8), 0);
-}
-
-TEST(BridgeTest, EveryGeneratedClassReplaysItsArgumentsOnceUnderItsName) {
-    support::initLayer();
-    ASSERT_GT(cases::bridgeCaseCount, 850);
-    for (int k = 0; k < cases::bridgeCaseCount; ++k) {
-        const cases::BridgeCase& c = cases::bridgeCases[k];
-        SCOPED_TRACE(c.name);
-        fake::reset();
-        cases::Outcome out;
-        const char* name = nullptr;
-        c.build(out, name);
-        EXPECT_STREQ(name, c.name);
-        auto calls = fake::calls();
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_EQ(calls[0].name, c.name);
-        EXPECT_EQ(calls[0].args, out.args);
-    }
-    for (float v : {-0.0f, std::numeric_limits<float>::infinity(), std::numeric_limits<float>::denorm_min(), NAN}) {
-        uint32_t bits;
-        memcpy(&bits, &v, 4);
-        if (std::isnan(v)) bits |= 0x1234;  // a NaN with a payload of its own
-        memcpy(&v, &bits, 4);
-        fake::reset();
-        glUniform1f_Bridge(7, v).run();
-        EXPECT_EQ(fake::calls().at(0).args[1], bits);
-    }
-}
-
-// 64-bit members after odd numbers of 32-bit words (the vtable pointer
-// counts): on 32-bit ARM they are 8-aligned and may be accessed with ldrd or
-// vldr, so the arena's 8-byte alignment must suffice for every command class
-// and no high word may be lost. Each row is one member order of the
-// generated classes.
-template <class T>
-T argValue(int k) {
-    if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<T>(static_cast<uintptr_t>(0x10000 * (k + 1) + 8));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        return sizeof(T) == 8 ? static_cast<T>(1.0 + std::ldexp(k + 1.0, -45)) : static_cast<T>(k + 0.5);
-    } else if constexpr (sizeof(T) == 8) {
-        return static_cast<T>(0xF0E0D0C080000001ull + 0x0101010101010101ull * static_cast<uint64_t>(k));
-    } else {
-        return static_cast<T>(0x80000001u + static_cast<uint32_t>(k));
-    }
-}
-
-template <class B, class Pfn>
-struct Layout;
-template <class B, class R, class... A>
-struct Layout<B, R (*)(A...)> {
-    static void check(support::ActiveContext& ctx) { run(ctx, std::index_sequence_for<A...>{}); }
-    template <size_t... K>
-    static void run(support::ActiveContext& ctx, std::index_sequence<K...>) {
-        KAMMemory& mem = ctx.get()->mMemory;
-        fake::reset();
-        mem.malloc(5, nullptr);  // a copy of odd size before it
-        kamRecord<B>(ctx.get(), argValue<A>(static_cast<int>(K))...);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(mem.mCursor - sizeof(B)) % KAMMemory::kAlignment, 0u);
-        ctx.drain();
-        ASSERT_EQ(fake::calls().size(), 1u);
-        EXPECT_EQ(fake::calls()[0].args, (std::vector<uint64_t>{fake::bits(argValue<A>(static_cast<int>(K)))...}));
-    }
-};
-#define LAYOUT_ROW(name) {#name, &Layout<name##_Bridge, kam_pfn_##name>::check}
-
-TEST(CommandLayoutTest, SixtyFourBitMembersAreArenaAlignedAndReplayExactly) {
-    const struct {
-        const char* name;
-        void (*check)(support::ActiveContext&);
-    } rows[] = {
-        LAYOUT_ROW(glWaitSync),                       // pointer, word, 64
-        LAYOUT_ROW(glUniform4ui64NV),                 // word, four 64
-        LAYOUT_ROW(glProgramUniform2i64NV),           // two words, two 64
-        LAYOUT_ROW(glBufferPageCommitmentMemNV),      // word, two pointer-sized, word, 64, byte
-        LAYOUT_ROW(glImportMemoryFdEXT),              // word, 64, two words
-        LAYOUT_ROW(glDrawVkImageNV),                  // 64 first, word, nine floats
-        LAYOUT_ROW(glMatrixFrustumEXT),               // word, six doubles
-        LAYOUT_ROW(glTexStorageMem2DMultisampleEXT),  // five words, byte, word, 64
-        LAYOUT_ROW(glTexturePageCommitmentMemNV),     // ten words, 64, byte
-        LAYOUT_ROW(glBindBufferRange),                // three words, two pointer-sized
-    };
-    support::ActiveContext ctx;
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        r.check(ctx);
-    }
 }
 
 // A command that checks it runs in sequence.
@@ -230,17 +135,6 @@ TEST_F(RunningWorkerTest, ItemsRunInPostOrderWhileOtherThreadsPost) {
     worker->post(new WorkItem("counted", [t = std::move(token)] {}), false);
     worker->postSync([] {}, "after");
     EXPECT_EQ(destroyed, 1);
-}
-
-TEST_F(RunningWorkerTest, SetNameRenamesTheWorkerThreadAndResultsComeBackIntact) {
-    worker->setName("kam-renamed");
-    pid_t tid = worker->postSync([] { return static_cast<int>(gettid()); }, "tid");
-    std::ifstream comm("/proc/self/task/" + std::to_string(tid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    EXPECT_EQ(name, "kam-renamed");
-    EXPECT_EQ(worker->postSync([] { return 0xFFFFFFFFFFFFull; }, "u64"), 0xFFFFFFFFFFFFull);
-    EXPECT_EQ(worker->postSync([] { return 1.5f; }, "float"), 1.5f);
 }
 
 }  // namespace
