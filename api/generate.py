@@ -819,6 +819,16 @@ def main():
             raise SystemExit("%s is a copy wrapper without a size in gl_copy_sizes.txt" % e.name)
         if e.kind in ("recorded", "copy"):
             bridges.add(e.name)
+    # The exported set is pinned: a change that adds, drops or re-kinds
+    # wrappers must change gl_exports.txt too.
+    from collections import Counter
+    pinned = {}
+    for line in read_lines(os.path.join(a.api_dir, "gl_exports.txt")):
+        kind, form, n = line.split()
+        pinned[(kind, form)] = int(n)
+    made = dict(Counter((k, f) for _, k, f in exports(gl)))
+    if made != pinned and not a.report:
+        raise SystemExit("exported wrappers %s differ from api/gl_exports.txt %s" % (sorted(made.items()), sorted(pinned.items())))
     if a.report:
         sys.stdout.write(gen_report(gl, egl))
         return

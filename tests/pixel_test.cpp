@@ -14,7 +14,6 @@
 #include "call_cases.h"
 #include "kam_wrappers.h"
 #include "recording/Record.h"
-#include "runtime/KAMThreadLocal.h"
 #include "shadow/TexSize.h"
 #include "support.h"
 
@@ -94,48 +93,13 @@ struct Store {
     GLint value;
 };
 
-// Each store reaches the driver on the calling thread (its placeholder
-// context keeps the same state) and on the worker, and the snapshot takes
-// what the GL accepts: no negative values, alignments 1, 2, 4 and 8.
-TEST_F(PixelTest, PixelStoreKeepsTheUnpackSnapshotTheGlKeeps) {
-    GLint Params::*const fields[] = {&Params::mUnpackAlignment, &Params::mUnpackRowLength, &Params::mUnpackImageHeight,
-                                     &Params::mUnpackSkipPixels, &Params::mUnpackSkipRows, &Params::mUnpackSkipImages};
-    const struct { Store s; int field; GLint kept; } rows[] = {
-        {{GL_UNPACK_ALIGNMENT, 1}, 0, 1}, {{GL_UNPACK_ALIGNMENT, 2}, 0, 2}, {{GL_UNPACK_ALIGNMENT, 8}, 0, 8},
-        {{GL_UNPACK_ALIGNMENT, 3}, 0, 4}, {{GL_UNPACK_ALIGNMENT, 0}, 0, 4}, {{GL_UNPACK_ALIGNMENT, -4}, 0, 4},
-        {{GL_UNPACK_ROW_LENGTH, 7}, 1, 7}, {{GL_UNPACK_ROW_LENGTH, -7}, 1, 0}, {{GL_UNPACK_IMAGE_HEIGHT, 5}, 2, 5},
-        {{GL_UNPACK_SKIP_PIXELS, 3}, 3, 3}, {{GL_UNPACK_SKIP_ROWS, 9}, 4, 9}, {{GL_UNPACK_SKIP_ROWS, 0}, 4, 0},
-        {{GL_UNPACK_SKIP_IMAGES, 2}, 5, 2}, {{GL_PACK_ALIGNMENT, 1}, -1, 0}, {{GL_PACK_ROW_LENGTH, 9}, -1, 0},
-        {{GL_PACK_SKIP_ROWS, 9}, -1, 0}, {{0x1234, 9}, -1, 0}};
-    for (bool active : {true, false}) {
-        for (const auto& r : rows) {
-            SCOPED_TRACE(::testing::Message() << std::hex << r.s.pname << " " << r.s.value << " active " << active);
-            Params& p = ctx.get()->mParams;
-            p = Params{4, 0, 0, 0, 0, 0};
-            // Attached while offload is not running: nothing is recorded.
-            gThreadRecord->mActiveContext = active ? ctx.get() : nullptr;
-            fake::reset();
-            kam_glPixelStorei_opt(r.s.pname, r.s.value);
-            const auto atReturn = fake::calls();
-            gThreadRecord->mActiveContext = ctx.get();
-            ctx.drain();
-            const auto after = fake::calls();
-            for (int f = 0; f < 6; ++f) EXPECT_EQ(p.*fields[f], f == r.field ? r.kept : f == 0 ? 4 : 0);
-            ASSERT_EQ(atReturn.size(), 1u);
-            EXPECT_TRUE(on(atReturn[0], pthread_self()));
-            ASSERT_EQ(after.size(), active ? 2u : 1u);
-            if (active) EXPECT_TRUE(on(after[1], worker));
-            for (const auto& c : after) EXPECT_EQ(c.args, (std::vector<uint64_t>{r.s.pname, fake::bits(r.s.value)}));
-        }
-    }
-}
-
 // The caller's pointer kinds: its exact memory, null, the largest offset,
 // and the smallest client address (used only where nothing is read).
 enum Ptr { kExact, kNull, kThreshold, kJustAbove };
 
 // Every row through the four uploads and every pointer kind, with the bytes
-// the GL reads for a 2D and a 3D image (0: none, the upload waits).
+// the GL reads for a 2D and a 3D image (0: none, the upload waits) under the
+// unpack state the GL keeps: no negative values, alignments 1, 2, 4 and 8.
 TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
     const long long kHuge = LLONG_MAX;
     const struct {
@@ -199,12 +163,18 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
                 const long long bytes = u.threeD ? r.bytes3D : r.bytes2D;
                 if (kind == kJustAbove && bytes >= 1) continue;  // an address the GL would read
                 if (kind == kExact && bytes > 64ll << 30) continue;
-                kam_glPixelStorei_opt(GL_UNPACK_ALIGNMENT, 4);
-                for (GLenum pname : {GL_UNPACK_ROW_LENGTH, GL_UNPACK_IMAGE_HEIGHT, GL_UNPACK_SKIP_PIXELS,
-                                     GL_UNPACK_SKIP_ROWS, GL_UNPACK_SKIP_IMAGES})
-                    kam_glPixelStorei_opt(pname, 0);
-                for (const Store& s : r.stores) kam_glPixelStorei_opt(s.pname, s.value);
+                std::vector<Store> stores = {{GL_UNPACK_ALIGNMENT, 4}, {GL_UNPACK_ROW_LENGTH, 0}, {GL_UNPACK_IMAGE_HEIGHT, 0},
+                                             {GL_UNPACK_SKIP_PIXELS, 0}, {GL_UNPACK_SKIP_ROWS, 0}, {GL_UNPACK_SKIP_IMAGES, 0}};
+                stores.insert(stores.end(), r.stores.begin(), r.stores.end());
+                fake::reset();
+                for (const Store& s : stores) kam_glPixelStorei_opt(s.pname, s.value);
                 ctx.drain();
+                // Each store reaches the driver on the calling thread, whose
+                // placeholder context keeps the same state, and on the worker.
+                size_t replayed = 0;
+                for (const auto& c : fake::calls()) replayed += on(c, worker);
+                EXPECT_EQ(fake::calls().size(), 2 * stores.size());
+                EXPECT_EQ(replayed, stores.size());
                 Guarded caller(kind == kExact ? bytes : 0);
                 const void* p = kind == kExact ? caller.data() : kind == kNull ? nullptr
                                 : reinterpret_cast<const void*>(uintptr_t{kind == kThreshold ? 0x10000u : 0x10001u});
@@ -228,50 +198,38 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
             }
 }
 
-// Pointers that are offsets into a bound buffer, and reads, which are never
-// copied: an offset is recorded as it is, client memory waits.
+// Offsets into a bound buffer are recorded as they are; reads into client
+// memory, and uploads no size can be given for, wait.
 TEST_F(PixelTest, OffsetsAreRecordedAndReadsIntoClientMemoryWait) {
     uint8_t data[64] = {};
-    void* const client = data;
     void* const offset = reinterpret_cast<void*>(0x2000000);
+    auto read = [](void* p) { kam_glReadPixels_opt(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, p); };
     const struct {
-        const char* what;
         GLenum bound;  // buffer bound for the call, 0: none
         std::function<void(void*)> call;
         void* pointer;
         bool waits;
     } rows[] = {
-        {"bound unpack buffer: upload offset", GL_PIXEL_UNPACK_BUFFER,
-         [](void* p) { kam_glTexSubImage3D_opt(GL_TEXTURE_3D, 0, 0, 0, 0, 3, 2, 2, GL_RGBA, GL_UNSIGNED_BYTE, p); }, offset, false},
-        {"bound unpack buffer: compressed offset", GL_PIXEL_UNPACK_BUFFER,
-         [](void* p) { kam_glCompressedTexImage2D_opt(GL_TEXTURE_2D, 0, kEtc2, 4, 4, 0, 16, p); }, offset, false},
-        {"bound pack buffer: an upload still reads client memory", GL_PIXEL_PACK_BUFFER,
-         [](void* p) { kam_glTexImage2D_opt(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, k8888Rev, p); }, client, true},
-        {"compressed imageSize 0", 0,
-         [](void* p) { kam_glCompressedTexSubImage3D_opt(GL_TEXTURE_2D_ARRAY, 0, 0, 0, 0, 4, 4, 1, kEtc2, 0, p); }, client, true},
-        {"compressed negative imageSize", 0,
-         [](void* p) { kam_glCompressedTexImage3D_opt(GL_TEXTURE_2D_ARRAY, 0, kEtc2, 4, 4, 1, 0, -16, p); }, client, true},
-        {"read into client memory", 0, [](void* p) { kam_glReadPixels_opt(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, p); }, client, true},
-        {"read to a small offset", 0, [](void* p) { kam_glReadPixels_opt(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, p); },
-         reinterpret_cast<void*>(0x100), false},
-        {"read into a bound pack buffer", GL_PIXEL_PACK_BUFFER,
-         [](void* p) { kam_glReadPixels_opt(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, p); }, offset, false},
-        {"bound unpack buffer: a read still writes client memory", GL_PIXEL_UNPACK_BUFFER,
-         [](void* p) { kam_glReadPixels_opt(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, p); }, client, true},
+        {GL_PIXEL_UNPACK_BUFFER, [](void* p) { kam_glTexSubImage3D_opt(GL_TEXTURE_3D, 0, 0, 0, 0, 3, 2, 2, GL_RGBA, GL_UNSIGNED_BYTE, p); }, offset, false},
+        {GL_PIXEL_UNPACK_BUFFER, [](void* p) { kam_glCompressedTexImage2D_opt(GL_TEXTURE_2D, 0, kEtc2, 4, 4, 0, 16, p); }, offset, false},
+        {GL_PIXEL_PACK_BUFFER, [](void* p) { kam_glTexImage2D_opt(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, k8888Rev, p); }, data, true},
+        {0, [](void* p) { kam_glCompressedTexSubImage3D_opt(GL_TEXTURE_2D_ARRAY, 0, 0, 0, 0, 4, 4, 1, kEtc2, 0, p); }, data, true},
+        {0, read, data, true},
+        {0, read, reinterpret_cast<void*>(0x100), false},
+        {GL_PIXEL_PACK_BUFFER, read, offset, false},
+        {GL_PIXEL_UNPACK_BUFFER, read, data, true},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(r.what);
-        if (r.bound != 0) ctx.get()->mBindings.bindBuffer(r.bound, 7);
+        SCOPED_TRACE(::testing::Message() << r.bound << " " << r.pointer);
+        ctx.get()->mBindings.bindBuffer(r.bound ? r.bound : GL_PIXEL_PACK_BUFFER, r.bound ? 7 : 0);
         fake::reset();
         r.call(r.pointer);
-        const auto atReturn = fake::calls();
+        EXPECT_EQ(fake::calls().size(), r.waits ? 1u : 0u);
         ctx.drain();
-        if (r.bound != 0) ctx.get()->mBindings.bindBuffer(r.bound, 0);
-        const auto after = fake::calls();
-        ASSERT_EQ(after.size(), 1u);
-        EXPECT_TRUE(on(after[0], worker));
-        EXPECT_EQ(atReturn.size(), r.waits ? 1u : 0u);
-        EXPECT_EQ(after[0].args.back(), fake::bits(r.pointer));
+        ctx.get()->mBindings.bindBuffer(r.bound ? r.bound : GL_PIXEL_PACK_BUFFER, 0);
+        ASSERT_EQ(fake::calls().size(), 1u);
+        EXPECT_TRUE(on(fake::calls()[0], worker));
+        EXPECT_EQ(fake::calls()[0].args.back(), fake::bits(r.pointer));
     }
 }
 

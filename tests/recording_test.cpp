@@ -1,16 +1,12 @@
 // GL calls on an offloaded thread: every wrapper served by its kind, with
 // the arena holding exactly its copy and command, in the application's order.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <climits>
 #include <cstring>
-#include <fstream>
-#include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -132,35 +128,6 @@ TEST_F(RecordingTest, ObjectCallsReachTheDriverInTheApplicationsOrder) {
         ASSERT_EQ(s.after.size(), 2u);
         EXPECT_EQ(s.after[0].name, row.first);
         EXPECT_EQ(s.after[1].name, row.second);
-    }
-}
-
-// Every wrapper the generator lists is in the library, in the numbers per
-// kind and form that api/gl_exports.txt pins; the plain forms beside _opt
-// ones wait for the worker.
-TEST_F(RecordingTest, ExportedWrappersAreThePinnedInventory) {
-    std::map<std::string, int> found, pinned;
-    for (int i = 0; i < cases::exportCaseCount; ++i) {
-        EXPECT_NE(dlsym(RTLD_DEFAULT, cases::exportCases[i].symbol), nullptr) << cases::exportCases[i].symbol;
-        ++found[std::string(cases::exportCases[i].kind) + " " + cases::exportCases[i].form];
-    }
-    std::ifstream in(KAM_API_DIR "/gl_exports.txt");
-    for (std::string line, kind, form; std::getline(in, line);) {
-        std::istringstream words(line);
-        int n = 0;
-        if (!line.empty() && line[0] != '#' && (words >> kind >> form >> n)) pinned[kind + " " + form] = n;
-    }
-    EXPECT_EQ(found, pinned);
-    for (int i = 0; i < cases::plainTooCaseCount; ++i) {
-        const cases::Case& c = cases::plainTooCases[i];
-        SCOPED_TRACE(c.name);
-        void* fn = dlsym(RTLD_DEFAULT, (std::string("kam_") + c.name).c_str());
-        ASSERT_NE(fn, nullptr);
-        cases::Outcome out;
-        Seen s = run([&] { c.call(fn, out); });
-        ASSERT_EQ(s.atReturn.size(), 1u) << "must wait for the worker";
-        EXPECT_EQ(s.atReturn[0].name, c.name);
-        EXPECT_TRUE(onWorker(s.atReturn[0]));
     }
 }
 
