@@ -662,29 +662,6 @@ def gen_call_cases(gl, egl):
     return "\n".join(out) + "\n"
 
 
-def gen_bridge_cases(gl, bridges):
-    """One case per generated command class: build it with distinct
-    arguments, replay it, and report what it stored and its name."""
-    out = [HEADER, '#include "call_cases.h"', '#include "kam_bridges.h"', "", "using namespace android;", "",
-           "namespace cases {", "namespace {", ""]
-    names = []
-    for i, e in enumerate(gl):
-        if e.name not in bridges or e.name in HANDWRITTEN_BRIDGES:
-            continue
-        names.append(e.name)
-        out.append("void bridge_%s(Outcome& o, const char*& name) {" % e.name)
-        out += arg_locals(e, 0x2000 + i * 16)
-        out.append("    %s_Bridge b%s;" % (e.name, "(%s)" % ", ".join("v_" + p.name for p in e.params) if e.params else ""))
-        out.append("    Bridge& base = b;")
-        out.append("    name = base.getName();")
-        out.append("    base.run();")
-        out.append("}")
-    out += ["", "}  // namespace", "", "const BridgeCase bridgeCases[] = {"]
-    out += ['    {"%s", &bridge_%s},' % (n, n) for n in names]
-    out += ["};", "const int bridgeCaseCount = %d;" % len(names), "}  // namespace cases"]
-    return "\n".join(out) + "\n"
-
-
 def gen_offload_cases(gl, copy_sizes, bridges):
     """One case per GL name for an offloaded thread: small distinct argument
     values (so that copy sizes stay small), for copies the byte count the
@@ -715,15 +692,7 @@ def gen_offload_cases(gl, copy_sizes, bridges):
     out += ['    {"%s", "%s", "%s", %s, %s, &off_%s},' % (
         e.name, e.kind, e.form, "true" if e.void else "false", "true" if e.by_rule else "false", e.name) for e in gl]
     out += ["};"]
-    # The plain forms beside _opt ones, with the same calls: all synchronous.
-    plain = [e for e in gl if e.plain_too]
-    out.append("const Case plainTooCases[] = {")
-    out += ['    {"%s", "sync", "plain", %s, false, &off_%s},' % (e.name, "true" if e.void else "false", e.name)
-            for e in plain]
-    out += ["};", "const int plainTooCaseCount = %d;" % len(plain)]
-    out.append("const ExportCase exportCases[] = {")
-    out += ['    {"%s", "%s", "%s"},' % x for x in exports(gl)]
-    out += ["};", "const int exportCaseCount = %d;" % len(exports(gl)), "}  // namespace cases"]
+    out += ["}  // namespace cases"]
     return "\n".join(out) + "\n"
 
 
@@ -845,7 +814,6 @@ def main():
     write(a.out, "platform_egl.cpp", gen_platform_egl(egl))
     write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
     write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
-    write(a.out, "bridge_cases.cpp", gen_bridge_cases(gl, bridges))
     write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes, bridges))
     write(a.out, "bad_input_cases.cpp", gen_bad_cases(gl, copy_sizes))
     write(a.out, "classification.txt", gen_report(gl, egl))

@@ -36,30 +36,11 @@ struct Case {
 };
 
 extern const Case glCases[];
-// The same names with small argument values, for an offloaded thread.
-extern const Case offloadCases[];
-// The synchronous plain forms of names that also have an _opt form.
-extern const Case plainTooCases[];
-extern const int plainTooCaseCount;
 extern const Case eglCases[];
 extern const int glCaseCount;
 extern const int eglCaseCount;
-
-// Every exported GL wrapper, with the kind and form the generator gave it.
-struct ExportCase {
-    const char* symbol;
-    const char* kind;
-    const char* form;  // opt, plain, or plain-too (a plain form beside an _opt one)
-};
-extern const ExportCase exportCases[];
-extern const int exportCaseCount;
-
-struct BridgeCase {
-    const char* name;
-    void (*build)(Outcome& out, const char*& name);
-};
-extern const BridgeCase bridgeCases[];
-extern const int bridgeCaseCount;
+// The same GL names with small argument values, for an offloaded thread.
+extern const Case offloadCases[];
 
 // Readable memory for pointer arguments: copies made by the layer read it.
 const void* testPointer(uintptr_t seed);
@@ -67,12 +48,11 @@ const void* testPointer(uintptr_t seed);
 using fake::bits;
 
 // Hostile arguments for every copying wrapper with a size rule: every
-// integer the rule reads is set to count, every enum to enumValue, and the
-// caller's pointer is asked for the rule's byte count.
+// integer the rule reads is count, every enum enumValue; the pointer is asked
+// for the rule's byte count (false: none can be given, the case is skipped).
 struct BadArgs {
     long long count;
     uint32_t enumValue;
-    // False skips the case (no pointer can be given for that many bytes).
     bool (*pointer)(long long bytes, const void** out, void* user);
     void* user;
 };

@@ -67,13 +67,10 @@ TEST(ArenaTest, RequestsLandInTheBlockOrInSeparateBlocks) {
 
 // A command that checks it runs in sequence.
 struct SeqBridge final : Bridge {
+    static inline uint64_t next = 0;
+    static inline bool outOfOrder = false;
     uint64_t seq = 0;
-    std::atomic<uint64_t>* next = nullptr;
-    bool* outOfOrder = nullptr;
-    void run() override {
-        if (next->load(std::memory_order_relaxed) != seq) *outOfOrder = true;
-        next->store(seq + 1, std::memory_order_relaxed);
-    }
+    void run() override { outOfOrder |= next != seq, next = seq + 1; }
     const char* getName() override { return "seq"; }
 };
 
@@ -89,18 +86,12 @@ protected:
 TEST_F(RunningWorkerTest, ItemPostedWhileTheWorkerDrainsRunsWithoutFurtherPosts) {
     std::promise<void> release, entered, ran;
     std::shared_future<void> gate = release.get_future().share();
-    worker->post(new WorkItem("hold",
-                              [gate, &entered] {
-                                  entered.set_value();
-                                  gate.wait();
-                              }),
-                 true);
+    worker->post(new WorkItem("hold", [gate, &entered] { entered.set_value(), gate.wait(); }), true);
     entered.get_future().wait();
-    std::future<void> done = ran.get_future();
     worker->post(new WorkItem("late", [&ran] { ran.set_value(); }), false);
     release.set_value();
     // A generous bound only so that a failure ends the test.
-    EXPECT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(ran.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     worker->postSync([] {}, "end");
 }
 
@@ -110,25 +101,23 @@ TEST_F(RunningWorkerTest, ItemPostedWhileTheWorkerDrainsRunsWithoutFurtherPosts)
 // Function items are freed once run, commands (the arena's) are not.
 TEST_F(RunningWorkerTest, ItemsRunInPostOrderWhileOtherThreadsPost) {
     constexpr uint64_t kItems = 400000;
-    std::atomic<uint64_t> next{0};
-    bool bad = false;
+    SeqBridge::next = 0, SeqBridge::outOfOrder = false;
     std::vector<SeqBridge> cmds(kItems);
     std::atomic<int> foreignRan{0};
-    std::thread foreign([&] {
-        for (int k = 0; k < 100; ++k) worker->postSync([&] { foreignRan.fetch_add(1); }, "foreign");
-    });
+    auto foreign = [&](int n) {
+        for (int k = 0; k < n; ++k) worker->postSync([&] { foreignRan.fetch_add(1); }, "foreign");
+    };
+    std::thread during(foreign, 100);
     for (uint64_t i = 0; i < kItems; ++i) {
-        cmds[i].seq = i, cmds[i].next = &next, cmds[i].outOfOrder = &bad;
-        if (i % 50000 == 49999) EXPECT_EQ(worker->postSync([&] { return next.load(); }, "mid"), i);
+        cmds[i].seq = i;
+        if (i % 50000 == 49999) EXPECT_EQ(worker->postSync([] { return SeqBridge::next; }, "mid"), i);
         worker->post(&cmds[i], false);
     }
     worker->postSync([] {}, "end");
-    foreign.join();
-    std::thread([&] {
-        for (int k = 0; k < 50; ++k) worker->postSync([&] { foreignRan.fetch_add(1); }, "idle");
-    }).join();
-    EXPECT_EQ(next.load(), kItems);
-    EXPECT_FALSE(bad);
+    during.join();
+    std::thread(foreign, 50).join();
+    EXPECT_EQ(worker->postSync([] { return SeqBridge::next; }, "count"), kItems);
+    EXPECT_FALSE(SeqBridge::outOfOrder);
     EXPECT_EQ(foreignRan.load(), 150);
     int destroyed = 0;
     std::shared_ptr<int> token(&destroyed, [](int* n) { ++*n; });
