@@ -33,7 +33,7 @@ protected:
         worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
     }
     bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
-    // Calls as the wrapper returned, and once the worker has replayed everything.
+    // Calls as the wrapper returned, and once the worker has replayed all.
     struct Seen {
         std::vector<fake::Call> atReturn, after;
     };
@@ -43,8 +43,7 @@ protected:
         call();
         Seen s{fake::calls(), {}};
         ctx.drain();
-        s.after = fake::calls();
-        return s;
+        return s.after = fake::calls(), s;
     }
     // The generated case of a GL name, through the entry the loader installed.
     void call(const std::string& name, cases::Outcome& out) {
@@ -183,15 +182,13 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
 // ------------------------------------------------------------ arena and worker
 
 enum Where { kBlock, kSeparate, kNone };
-
 Where where(const KAMMemory& m, const void* p) {
-    auto* b = static_cast<const uint8_t*>(p);
-    return p == nullptr ? kNone : b >= m.mBase && b < m.mEnd ? kBlock : kSeparate;
+    return p == nullptr ? kNone : p >= m.mBase && p < m.mEnd ? kBlock : kSeparate;
 }
 
-// Each request after `used` bytes of the frame: in the block, right after
-// them rounded to 8, or in a separate block once the block is full or the
-// frame has taken 16 MiB and the request is large.
+// Each request after `used` bytes of the frame: in the block right after
+// them, rounded to 8, or in a separate 8-aligned block once the block is full
+// or the frame has taken 16 MiB and the request is large (or unprepared).
 TEST(ArenaTest, RequestsLandInTheBlockOrInSeparateBlocks) {
     const size_t end = KAMMemory::kBlockSize - 16;
     const struct {
@@ -212,23 +209,18 @@ TEST(ArenaTest, RequestsLandInTheBlockOrInSeparateBlocks) {
         if (r.where == kBlock) EXPECT_EQ(p, mem.mBase + (r.used + 7) / 8 * 8);
         if (r.where == kSeparate) EXPECT_EQ(where(mem, mem.malloc(16, nullptr)), kBlock) << "no latch";
     }
-    // The boundary records what the frame used (the rounding made for a
-    // request that went elsewhere included), rewinds and frees.
+    // The boundary records what the frame used (with the rounding made for
+    // a request that went elsewhere), rewinds and frees.
     mem.swapBuffer();
-    mem.malloc(3, nullptr);
-    mem.malloc(5, nullptr);
-    mem.malloc(KAMMemory::kBlockSize, nullptr);
+    mem.malloc(3, nullptr), mem.malloc(5, nullptr), mem.malloc(KAMMemory::kBlockSize, nullptr);
     mem.swapBuffer();
     EXPECT_EQ(mem.mLastUsed, 16);
     EXPECT_TRUE(mem.mLargeBlocks.empty());
     EXPECT_EQ(mem.malloc(1, nullptr), mem.mBase);
-    EXPECT_EQ(memcmp(mem.malloc(8, &value), &value, 8), 0);
-    // Unprepared, every request is a separate 8-aligned block.
     KAMMemory unprepared;
-    void* p = unprepared.malloc(8, &value);
-    EXPECT_EQ(where(unprepared, p), kSeparate);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
-    EXPECT_EQ(memcmp(p, &value, 8), 0);
+    for (void* p : {mem.malloc(8, &value), unprepared.malloc(8, &value)}) EXPECT_EQ(memcmp(p, &value, 8), 0);
+    EXPECT_EQ(where(unprepared, unprepared.malloc(8, nullptr)), kSeparate);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(unprepared.malloc(1, nullptr)) % 8, 0u);
 }
 
 // A command that checks it runs in sequence.
