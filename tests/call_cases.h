@@ -1,7 +1,7 @@
 #pragma once
 
-// Generated cases: each calls one table entry with distinct arguments and
-// reports what it passed and what came back.
+// Generated cases (api/generate.py): each calls one table entry with distinct
+// arguments and reports what it passed and what came back.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -71,34 +71,25 @@ extern const int badCaseCount;
 // Text that size rules measuring a string find at the caller's pointer.
 constexpr char kBadText[] = "kam-bad-input";
 
-// Exactly `bytes` of the caller's memory, followed by an inaccessible page:
-// a copy that reads further faults. Above 64 MiB only address space (zeros,
-// read-only, none on 32-bit targets), for sizes whose 32-bit count wraps.
+// Exactly `bytes` (at most kLargest) of the caller's memory, followed by an
+// inaccessible page: a copy that reads further faults.
 class Guarded {
 public:
-    static constexpr long long kFilled = 64ll << 20;
-    explicit Guarded(long long bytes) : mBytes(bytes < 0 ? 0 : bytes) {
-        const long long page = sysconf(_SC_PAGESIZE), length = (mBytes + page - 1) / page * page + page;
-        if (static_cast<long long>(static_cast<size_t>(length)) != length) return;
-        const int prot = mBytes > kFilled ? PROT_READ : PROT_READ | PROT_WRITE;
-        void* base = mmap(nullptr, length, prot, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (base == MAP_FAILED) return;
-        mBase = static_cast<uint8_t*>(base), mLength = static_cast<size_t>(length);
+    static constexpr long long kLargest = 64ll << 20;
+    explicit Guarded(long long bytes) {
+        const size_t page = size_t(sysconf(_SC_PAGESIZE)), n = size_t(bytes < 0 ? 0 : bytes);
+        mLength = (n + page - 1) / page * page + page;
+        mBase = static_cast<uint8_t*>(mmap(nullptr, mLength, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         mprotect(mBase + mLength - page, page, PROT_NONE);
-        mData = mBase + mLength - page - mBytes;
-        for (long long i = 0; mBytes <= kFilled && i < mBytes; ++i) mData[i] = kBadText[i % sizeof kBadText];
+        mData = mBase + mLength - page - n;
+        for (size_t i = 0; i < n; ++i) mData[i] = kBadText[i % sizeof kBadText];
     }
-    ~Guarded() {
-        if (mBase) munmap(mBase, mLength);
-    }
+    ~Guarded() { munmap(mBase, mLength); }
     uint8_t* data() const { return mData; }
-    // The caller's bytes can be compared with a copy.
-    bool filled() const { return mData != nullptr && mBytes <= kFilled; }
 
 private:
-    long long mBytes;
-    uint8_t *mBase = nullptr, *mData = nullptr;
-    size_t mLength = 0;
+    uint8_t *mBase, *mData;
+    size_t mLength;
 };
 
 }  // namespace cases
