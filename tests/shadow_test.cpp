@@ -524,8 +524,7 @@ TEST_F(ClientArrayTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
     EXPECT_EQ(s.all.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
 }
 
-constexpr GLenum kBgra = 0x80E1, kHalfOes = 0x8D61, k8888Rev = 0x8367, k4444Rev = 0x8365, k1555Rev = 0x8366;
-constexpr GLenum kEtc2 = 0x9278;
+constexpr GLenum kBgra = 0x80E1, kHalfOes = 0x8D61, k8888Rev = 0x8367, kEtc2 = 0x9278;
 
 TEST(TexBytesPerPixel, TheGlsTablesOfFormatsAndTypes) {
     const struct { GLenum format; int n; } formats[] = {
