@@ -75,7 +75,7 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
         cases::Outcome out;
         const auto* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
         Seen s = run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
-        if (!c.isVoid) EXPECT_EQ(out.result, out.expected);
+        if (!c.isVoid) { EXPECT_EQ(out.result, out.expected); }
         ASSERT_EQ(s.after.size(), 1u);
         const fake::Call& call = s.after[0];
         std::vector<uint64_t> args = out.args;
@@ -90,7 +90,7 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
                 EXPECT_EQ(memcmp(start, fake::fromBits<const void*>(args[out.copyArg]), size_t(out.copyBytes)), 0);
                 args[out.copyArg] = call.args[out.copyArg];
             }
-            if (out.bridgeSize) EXPECT_EQ(size_t(mem.mCursor - start), (copies ? align8(out.copyBytes) : 0) + out.bridgeSize);
+            if (out.bridgeSize) { EXPECT_EQ(size_t(mem.mCursor - start), (copies ? align8(out.copyBytes) : 0) + out.bridgeSize); }
             ++counted[copies ? 1 : 0];
         } else {
             ASSERT_EQ(s.atReturn.size(), 1u) << "must reach the driver before returning";
@@ -138,9 +138,9 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
                     ++ran;
                     ASSERT_EQ(s.after.size(), 1u);
                     const bool copied = kind == 0 && call.ruleBytes >= 1;
-                    if (kind == 0 || kind == 3) EXPECT_EQ(s.atReturn.size(), copied ? 0u : 1u);
+                    if (kind == 0 || kind == 3) { EXPECT_EQ(s.atReturn.size(), copied ? 0u : 1u); }
                     std::vector<uint64_t> got = s.after[0].args;
-                    if (copied) EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(), size_t(call.ruleBytes)), 0);
+                    if (copied) { EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(), size_t(call.ruleBytes)), 0); }
                     if (copied) got[call.pointerArg] = call.args[call.pointerArg];
                     EXPECT_EQ(got, call.args);
                     if (HasFatalFailure()) return;
@@ -174,8 +174,8 @@ TEST(ArenaTest, RequestsLandInTheBlockOrInSeparateBlocks) {
         if (r.used) mem.malloc(r.used, nullptr);
         void* p = mem.malloc(r.request, nullptr);
         EXPECT_EQ(where(mem, p), r.where);
-        if (r.where == kBlock) EXPECT_EQ(p, mem.mBase + (r.used + 7) / 8 * 8);
-        if (r.where == kSeparate) EXPECT_EQ(where(mem, mem.malloc(16, nullptr)), kBlock) << "no latch";
+        if (r.where == kBlock) { EXPECT_EQ(p, mem.mBase + (r.used + 7) / 8 * 8); }
+        if (r.where == kSeparate) { EXPECT_EQ(where(mem, mem.malloc(16, nullptr)), kBlock) << "no latch"; }
     }
     // The boundary records what the frame used (with the rounding made for
     // a request that went elsewhere), rewinds and frees.
@@ -234,7 +234,7 @@ TEST_F(RunningWorkerTest, ItemsRunInPostOrderWhileOtherThreadsPost) {
     std::thread during(foreign, 100);
     for (uint64_t i = 0; i < kItems; ++i) {
         cmds[i].seq = i;
-        if (i % 50000 == 49999) EXPECT_EQ(worker->postSync([] { return SeqBridge::next; }, "mid"), i);
+        if (i % 50000 == 49999) { EXPECT_EQ(worker->postSync([] { return SeqBridge::next; }, "mid"), i); }
         worker->post(&cmds[i], false);
     }
     worker->postSync([] {}, "end");

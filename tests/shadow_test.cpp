@@ -231,8 +231,8 @@ TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
         const std::vector<fake::Call> here = callsOn(self);
         EXPECT_EQ(p != nullptr, served);
         ASSERT_EQ(here.size(), served ? 0u : 3u);
-        if (!served) EXPECT_EQ(here[0].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 60}));
-        if (!served) EXPECT_EQ(here[2].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 0}));
+        if (!served) { EXPECT_EQ(here[0].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 60})); }
+        if (!served) { EXPECT_EQ(here[2].args, (std::vector<uint64_t>{GL_ARRAY_BUFFER, 0})); }
         kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
         EXPECT_LE(bindings().allocatedBytes - before, 64u);
         ctx.drain();
@@ -378,7 +378,7 @@ TEST_F(NamePoolTest, GenerateServedByThePoolOrTheWorker) {
             SCOPED_TRACE(::testing::Message() << "n " << r.n << " after " << r.afterBoundary);
             const int type = gen == kam_glGenVertexArrays_opt ? 0 : 1;
             if (r.afterBoundary) ctx.frameBoundary();
-            if (r.afterBoundary) EXPECT_EQ(left(type), 8);
+            if (r.afterBoundary) { EXPECT_EQ(left(type), 8); }
             const std::vector<GLuint> pool(ctx.get()->mCaches.mPools[type], ctx.get()->mCaches.mPools[type] + 8);
             std::vector<GLuint> out(16, 0);
             GLuint* p = r.clientMemory ? out.data() : nullptr;
@@ -386,7 +386,7 @@ TEST_F(NamePoolTest, GenerateServedByThePoolOrTheWorker) {
             gen(r.n, p);
             const auto calls = fake::calls();  // no drain: what the wrapper waited for
             ASSERT_EQ(calls.size(), r.worker ? 1u : 0u);
-            if (r.worker) EXPECT_TRUE(on(calls[0], worker) && calls[0].args == (std::vector<uint64_t>{fake::bits(r.n), fake::bits(p)}));
+            if (r.worker) { EXPECT_TRUE(on(calls[0], worker) && calls[0].args == (std::vector<uint64_t>{fake::bits(r.n), fake::bits(p)})); }
             const int taken = r.worker || r.n < 1 || !r.afterBoundary ? 0 : r.n;
             EXPECT_EQ(left(type), r.afterBoundary ? 8 - taken : 0);
             EXPECT_EQ(std::vector<GLuint>(out.begin(), out.begin() + taken), std::vector<GLuint>(pool.begin(), pool.begin() + taken));
@@ -467,7 +467,7 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         EXPECT_EQ(std::vector<uint64_t>(attrib.begin(), attrib.end() - 1), (std::vector<uint64_t>{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0}));
         EXPECT_EQ(at(attrib[5] + first * elem, packed.size()), packed) << "vertex first where the pointer says";
         EXPECT_EQ(s.all[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
-        if (tc.indexType) EXPECT_EQ(at(s.all[1].args[tc.range ? 5 : 3], original.size()), original);
+        if (tc.indexType) { EXPECT_EQ(at(s.all[1].args[tc.range ? 5 : 3], original.size()), original); }
         kam_glVertexAttribPointer_opt(2, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
         ctx.frameBoundary();
     }
@@ -497,7 +497,7 @@ TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
         });
         ASSERT_EQ(s.all.size(), tc.waits ? 3u : 2u) << "the pointers are given back once, not per draw";
         EXPECT_EQ(s.atReturn.size(), tc.waits ? 3u : 0u);
-        if (tc.waits) EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())}));
+        if (tc.waits) { EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())})); }
         EXPECT_EQ(s.all.back().name, "glDrawElements");
         EXPECT_EQ(s.all.back().args[3] == fake::bits(idx), tc.waits);
         EXPECT_EQ(at(s.all.back().args[3], 6), at(fake::bits(idx), 6));
@@ -520,7 +520,7 @@ TEST_F(ClientArrayTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
     ctx.get()->mClientArrays = false;
     Seen s = run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
     for (const fake::Call& c : s.all)
-        if (c.name == "glVertexAttribPointer") EXPECT_EQ(c.args[5], fake::bits(vertices));
+        if (c.name == "glVertexAttribPointer") { EXPECT_EQ(c.args[5], fake::bits(vertices)); }
     EXPECT_EQ(s.all.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
 }
 
@@ -651,7 +651,7 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
                 const bool copied = kind == 0 && bytes >= 1 && u.dims, client = kind == 0 || kind == 3;
                 EXPECT_EQ(atReturn, client && !copied ? 1u : 0u) << "waits when unsized or reading";
                 EXPECT_EQ(got == p, !copied);
-                if (copied) EXPECT_EQ(memcmp(got, p, static_cast<size_t>(bytes)), 0);
+                if (copied) { EXPECT_EQ(memcmp(got, p, static_cast<size_t>(bytes)), 0); }
             }
 }
 
