@@ -609,7 +609,14 @@ def arg_locals(e, seed, small=False):
     for k, p in enumerate(e.params):
         if p.is_pointer:
             lines.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, seed + k))
-        elif small and re.search(r"float|clampf|double", p.type, re.I):
+        elif small and p.type in ("GLint64", "GLint64EXT", "GLuint64", "GLuint64EXT"):
+            # Both halves carry bits: a command class that loses or swaps the
+            # high word (a 64-bit member after an odd number of words on
+            # 32-bit ARM) shows.
+            lines.append("    %s v_%s = (%s)0x%Xull;" % (p.type, p.name, p.type, 0xF0E0D0C080000001 + k * 0x0101010101010101))
+        elif small and re.search(r"double|clampd", p.type, re.I):
+            lines.append("    %s v_%s = (%s)%r;" % (p.type, p.name, p.type, 1.0 + (k + 1) * 2.0 ** -45))
+        elif small and re.search(r"float|clampf", p.type, re.I):
             lines.append("    %s v_%s = (%s)%d.5;" % (p.type, p.name, p.type, k + 1))
         else:
             lines.append("    %s v_%s = (%s)(uintptr_t)%d;" % (p.type, p.name, p.type, k + 1 if small else seed + k))
@@ -655,38 +662,18 @@ def gen_call_cases(gl, egl):
     return "\n".join(out) + "\n"
 
 
-def gen_bridge_cases(gl, bridges):
-    """One case per generated command class: build it with distinct
-    arguments, replay it, and report what it stored and its name."""
-    out = [HEADER, '#include "call_cases.h"', '#include "kam_bridges.h"', "", "using namespace android;", "",
-           "namespace cases {", "namespace {", ""]
-    names = []
-    for i, e in enumerate(gl):
-        if e.name not in bridges or e.name in HANDWRITTEN_BRIDGES:
-            continue
-        names.append(e.name)
-        out.append("void bridge_%s(Outcome& o, const char*& name) {" % e.name)
-        out += arg_locals(e, 0x2000 + i * 16)
-        out.append("    %s_Bridge b%s;" % (e.name, "(%s)" % ", ".join("v_" + p.name for p in e.params) if e.params else ""))
-        out.append("    Bridge& base = b;")
-        out.append("    name = base.getName();")
-        out.append("    base.run();")
-        out.append("}")
-    out += ["", "}  // namespace", "", "const BridgeCase bridgeCases[] = {"]
-    out += ['    {"%s", &bridge_%s},' % (n, n) for n in names]
-    out += ["};", "const int bridgeCaseCount = %d;" % len(names), "}  // namespace cases"]
-    return "\n".join(out) + "\n"
-
-
-def gen_offload_cases(gl, copy_sizes):
+def gen_offload_cases(gl, copy_sizes, bridges):
     """One case per GL name for an offloaded thread: small distinct argument
-    values (so that copy sizes stay small), and for copies the byte count the
-    layer should take and which argument is the copied pointer."""
-    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "recording/Record.h"', "",
-           "namespace cases {", "namespace {", ""]
+    values (so that copy sizes stay small), for copies the byte count the
+    layer should take and which argument is the copied pointer, and for
+    recorded calls the size of the command the arena should hold."""
+    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "kam_bridges.h"',
+           '#include "recording/Record.h"', "", "using namespace android;", "", "namespace cases {", "namespace {", ""]
     for i, e in enumerate(gl):
         out.append("void off_%s(void* fn, Outcome& o) {" % e.name)
         out += arg_locals(e, 0x3000 + i * 16, small=True)
+        if e.kind in ("recorded", "copy") and e.name in bridges:
+            out.append("    o.bridgeSize = sizeof(%s_Bridge);" % e.name)
         if e.kind == "copy" and e.name in copy_sizes and copy_sizes[e.name][0] != "-":
             param, expr = copy_sizes[e.name]
             idx = [p.name for p in e.params].index(param)
@@ -705,15 +692,47 @@ def gen_offload_cases(gl, copy_sizes):
     out += ['    {"%s", "%s", "%s", %s, %s, &off_%s},' % (
         e.name, e.kind, e.form, "true" if e.void else "false", "true" if e.by_rule else "false", e.name) for e in gl]
     out += ["};"]
-    # The plain forms beside _opt ones, with the same calls: all synchronous.
-    plain = [e for e in gl if e.plain_too]
-    out.append("const Case plainTooCases[] = {")
-    out += ['    {"%s", "sync", "plain", %s, false, &off_%s},' % (e.name, "true" if e.void else "false", e.name)
-            for e in plain]
-    out += ["};", "const int plainTooCaseCount = %d;" % len(plain)]
-    out.append("const ExportCase exportCases[] = {")
-    out += ['    {"%s", "%s", "%s"},' % x for x in exports(gl)]
-    out += ["};", "const int exportCaseCount = %d;" % len(exports(gl)), "}  // namespace cases"]
+    out += ["}  // namespace cases"]
+    return "\n".join(out) + "\n"
+
+
+def gen_bad_cases(gl, copy_sizes):
+    """Hostile-argument cases, one per copying wrapper whose byte count is an
+    expression: every integer the rule reads is the test's count, every enum
+    the test's enum, a string the rule measures the test's text, and the
+    pointer the one the test gives for the rule's byte count."""
+    out = [HEADER, "#include <cstring>", "", '#include "call_cases.h"', '#include "kam_wrappers.h"',
+           '#include "recording/Record.h"', "", "namespace cases {", "namespace {", ""]
+    names = []
+    for e in gl:
+        if e.kind != "copy" or e.form != "opt" or e.name not in copy_sizes:
+            continue
+        param, expr = copy_sizes[e.name]
+        if param == "-" or expr == "shadow":
+            continue
+        words = set(re.findall(r"\b[A-Za-z_]\w*\b", expr))
+        out.append("void bad_%s(const BadArgs& a, BadCall& c) {" % e.name)
+        for p in e.params:
+            if p.is_pointer:
+                continue
+            enum = "enum" in p.type.lower()
+            value = ("a.count" if p.name in words and not enum else "a.enumValue" if enum or p.name in words
+                     else "0.5" if re.search(r"float|clampf", p.type, re.I) else "1")
+            out.append("    const %s %s = static_cast<%s>(%s);" % (p.type, p.name, p.type, value))
+        rule = re.sub(r"std::strlen\(\w+\)", "std::strlen(kBadText)", size_expr(e, expr))
+        out += ["    const long long bytes = %s;" % rule, "    const void* p = nullptr;",
+                "    if (!a.pointer(bytes, &p, a.user)) {", "        c.skipped = true;", "        return;", "    }"]
+        for k, p in enumerate(e.params):
+            if p.is_pointer:
+                out.append("    %s %s = static_cast<%s>(%s);" % (p.type, p.name, p.type, "p" if p.name == param else "nullptr"))
+                if p.name == param:
+                    out.append("    c.pointerArg = %d;" % k)
+        out += ["    c.ruleBytes = bytes;", "    c.args = {%s};" % ", ".join("bits(%s)" % p.name for p in e.params),
+                "    %s(%s);" % (e.wrapper("opt"), e.args()), "}", ""]
+        names.append(e.name)
+    out += ["}  // namespace", "", "const BadCase badCases[] = {"]
+    out += ['    {"%s", &bad_%s},' % (n, n) for n in names]
+    out += ["};", "const int badCaseCount = %d;" % len(names), "}  // namespace cases"]
     return "\n".join(out) + "\n"
 
 
@@ -769,6 +788,16 @@ def main():
             raise SystemExit("%s is a copy wrapper without a size in gl_copy_sizes.txt" % e.name)
         if e.kind in ("recorded", "copy"):
             bridges.add(e.name)
+    # The exported set is pinned: a change that adds, drops or re-kinds
+    # wrappers must change gl_exports.txt too.
+    from collections import Counter
+    pinned = {}
+    for line in read_lines(os.path.join(a.api_dir, "gl_exports.txt")):
+        kind, form, n = line.split()
+        pinned[(kind, form)] = int(n)
+    made = dict(Counter((k, f) for _, k, f in exports(gl)))
+    if made != pinned and not a.report:
+        raise SystemExit("exported wrappers %s differ from api/gl_exports.txt %s" % (sorted(made.items()), sorted(pinned.items())))
     if a.report:
         sys.stdout.write(gen_report(gl, egl))
         return
@@ -785,8 +814,8 @@ def main():
     write(a.out, "platform_egl.cpp", gen_platform_egl(egl))
     write(a.out, "fake_driver.cpp", gen_fake_driver(gl, egl))
     write(a.out, "call_cases.cpp", gen_call_cases(gl, egl))
-    write(a.out, "bridge_cases.cpp", gen_bridge_cases(gl, bridges))
-    write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes))
+    write(a.out, "offload_cases.cpp", gen_offload_cases(gl, copy_sizes, bridges))
+    write(a.out, "bad_input_cases.cpp", gen_bad_cases(gl, copy_sizes))
     write(a.out, "classification.txt", gen_report(gl, egl))
 
 

@@ -33,16 +33,17 @@ inline bool stagePixels(KAMContext* c, GLenum bufferTarget, const void*& pixels,
 }
 
 // Bytes an upload reads. An image the GL rejects for a negative size reads
-// nothing, however the 32-bit arithmetic wraps. Two-dimensional images skip
+// nothing, however the 32-bit arithmetic wraps, and nor does an empty one,
+// whatever rows or images the unpack state skips. Two-dimensional images skip
 // no images whatever the unpack state says: the GL applies image height and
 // skipped images to 3D images only.
 int uploadSize3D(KAMContext* c, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type) {
-    if (width < 0 || height < 0 || depth < 0) return 0;
+    if (width < 1 || height < 1 || depth < 1) return 0;
     return texSize(c, width, height, depth, format, type);
 }
 
 int uploadSize2D(KAMContext* c, GLsizei width, GLsizei height, GLenum format, GLenum type) {
-    if (width < 0 || height < 0) return 0;
+    if (width < 1 || height < 1) return 0;
     Params p = c->mParams;
     p.mUnpackSkipImages = 0;
     return texSize(p, width, height, 1, format, type);
