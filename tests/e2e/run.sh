@@ -14,6 +14,21 @@ kam_run="$build/kam-run"
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
+app="$build/kam-e2e-app"
+left() { sed -n 's/.*threads_left=\([-0-9]*\).*/\1/p' "$out/$1.log"; }
+threads_kept() { (($(left kam) <= $(left direct))) || fail "threads left behind: $(left direct) directly, $(left kam) through the layer"; }
+# kam-e2e-app frames directly and through kam-run (options $1) with the
+# program's arguments: every frame the same, no thread left behind.
+frames_both() {
+  local opts=$1
+  shift
+  "$app" frames "$@" >"$out/direct.txt" 2>"$out/direct.log" || fail "directly: $(tail -3 "$out/direct.log")"
+  "$kam_run" --verbose $opts "$app" frames "$@" >"$out/kam.txt" 2>"$out/kam.log" \
+    || fail "through kam-run: $(grep -v '^_V_KAM' "$out/kam.log" | tail -3)"
+  [[ $(grep -c '^frame ' "$out/direct.txt") -gt 30 ]] || fail "the direct run printed no frames"
+  diff -q "$out/direct.txt" "$out/kam.txt" >/dev/null || fail "frames differ through the layer: $(diff "$out/direct.txt" "$out/kam.txt" | sed -n 2p)"
+  threads_kept
+}
 
 case "$test_name" in
   glmark2_validate)
@@ -73,77 +88,34 @@ case "$test_name" in
     grep -q " fps=" "$out/kam.txt" || fail "no statistics line"
     ;;
   shadow_state)
-    # GL calls whose meaning depends on state captured when they are made:
-    # pixel-store state, client memory read or written by the call, buffer
-    # mappings, object names. The warm-up after frame 100 lets offload start,
-    # so objects and pending read-backs from before it are used after it and
-    # the remaining frames all go through the worker; the warm-up leaves no
-    # trace in the output, so the direct run does without it. "--args 1"
-    # turns client vertex-array emulation on.
-    features=0x3ff
-    "$build/kam-shadow-app" --frames 1500 --features $features --png "$out/direct.png" >"$out/direct.txt" 2>"$out/direct.log" \
-      || fail "shadow app without the layer failed: $(cat "$out/direct.log")"
-    "$kam_run" --verbose --args 1 "$build/kam-shadow-app" --frames 1500 --features $features --warmup-after 100 --warmup-seconds 120 \
-      --png "$out/kam.png" >"$out/kam.txt" 2>"$out/kam.log" \
-      || fail "shadow app through kam-run failed: $(tail -5 "$out/kam.log")"
-    grep -q "KAMWorker started -> " "$out/kam.log" || fail "offload never became active: $(cat "$out/kam.log")"
-    started=$(grep -n "KAMWorker started -> " "$out/kam.log" | head -n1 | cut -d: -f1)
-    warm=$(grep -n "warm-up done" "$out/kam.log" | head -n1 | cut -d: -f1)
-    [[ -n "$warm" && "$started" -lt "$warm" ]] || fail "offload was not active by the end of the warm-up"
+    # GL calls whose meaning depends on state captured when they are made
+    # (the rows of kam-e2e-app frames), with client vertex-array emulation on
+    # ("--args 1"); then client draws and objects with it off, the default,
+    # where draws from client memory wait for the worker.
+    frames_both "--args 1" --size 256 --frames 300
     ! grep -q "is stopped" "$out/kam.log" || fail "offload stopped during the run"
-    grep '^checksum=' "$out/direct.txt" >"$out/direct.sum"
-    grep '^checksum=' "$out/kam.txt" >"$out/kam.sum"
-    [[ -s "$out/direct.sum" ]] || fail "no checksum line without the layer"
-    diff "$out/direct.sum" "$out/kam.sum" || fail "read-back data differs through the layer"
-    cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
-    # Client arrays and program objects once more with emulation off, the
-    # default: draws from client memory then wait for the worker.
-    features=0x60
-    "$build/kam-shadow-app" --frames 300 --features $features >"$out/direct-default.txt" 2>/dev/null \
-      || fail "shadow app without the layer failed (features $features)"
-    "$kam_run" --verbose "$build/kam-shadow-app" --frames 300 --features $features --warmup-after 50 --warmup-seconds 6 \
-      >"$out/kam-default.txt" 2>"$out/kam-default.log" || fail "shadow app without emulation failed: $(tail -5 "$out/kam-default.log")"
-    grep -q "KAMWorker started -> " "$out/kam-default.log" || fail "offload never became active without emulation"
-    diff <(grep '^checksum=' "$out/direct-default.txt") <(grep '^checksum=' "$out/kam-default.txt") \
-      || fail "read-back data differs through the layer without client-array emulation"
+    frames_both "" --size 256 --frames 100 --rows client-draws,names,programs
     ;;
   soak)
-    # Thousands of frames with offload switched off and on every few frames
-    # and GL objects made and dropped every frame: every frame's read-back
-    # matches the direct run's; the program itself checks that resident
-    # memory levels off and that no EGL record is left; no thread is left
-    # beyond what the direct run leaves.
-    frames=${KAM_SOAK_FRAMES:-40000}
-    "$build/kam-soak-app" --frames "$frames" >"$out/direct.txt" 2>"$out/direct.log" \
-      || fail "soak app without the layer failed: $(tail -5 "$out/direct.log")"
-    "$kam_run" --verbose "$build/kam-soak-app" --frames "$frames" --warmup-seconds 120 \
-      >"$out/kam.txt" 2>"$out/kam.log" || fail "soak app through kam-run failed: $(grep -v '^_V_KAM\| D \| V ' "$out/kam.log" | tail -5)"
-    [[ $(grep -c '^frame ' "$out/direct.txt") -eq $frames ]] || fail "the direct run did not print every frame"
-    diff -q "$out/direct.txt" "$out/kam.txt" >/dev/null || fail "frames differ through the layer, first: $(diff "$out/direct.txt" "$out/kam.txt" | sed -n 2p)"
+    # Thousands of frames, offload switched off and on every few frames and
+    # objects made and dropped every frame; the program checks that resident
+    # memory levels off.
+    frames_both "" --frames "${KAM_SOAK_FRAMES:-40000}" --toggle-every 7 --rows uploads,names,buffers,tracked
     starts=$(grep -c "KAMWorker started -> " "$out/kam.log")
     stops=$(grep -c "is stopped EGLContext=" "$out/kam.log")
     [[ $starts -ge 10 && $stops -ge 10 ]] || fail "offload was not toggled (started $starts, stopped $stops times)"
-    ! grep -q "Delete a mapped buffer\|glUnmapBuffer error\|eglGetError=" "$out/kam.log" || fail "the layer reported errors: $(grep -m3 'Delete a mapped\|glUnmapBuffer error\|eglGetError=' "$out/kam.log")"
-    grep -q "egl_context_records=0 egl_surface_records=0" "$out/kam.log" || fail "no EGL record count"
-    left() { echo $(( $(sed -n 's/.*threads_before=\([0-9]*\) threads_after=\([0-9]*\).*/\2-\1/p' "$1") )); }
-    [[ $(left "$out/kam.log") -le $(left "$out/direct.log") ]] || fail "threads left behind: $(grep -h threads_ "$out/direct.log" "$out/kam.log")"
-    grep -h "kam-soak-app: frames=" "$out/direct.log" | sed 's/^/direct: /'
-    grep -h "kam-soak-app: frames=" "$out/kam.log" | sed "s/^/kam-run ($starts starts, $stops stops): /"
+    grep -h "rss_" "$out/direct.log" "$out/kam.log"
     ;;
   lifecycle)
-    # Context and thread lifecycle faults while offloaded, then a pbuffer-only
-    # context and a "RenderThread" that must stay untouched; each scenario
-    # checks its pixels and its messages. Run directly first to check the
-    # program itself.
-    "$build/kam-lifecycle-app" >"$out/direct.txt" 2>"$out/direct.log" \
-      || fail "lifecycle app without the layer failed: $(cat "$out/direct.txt")"
-    timeout 240 "$kam_run" --verbose "$build/kam-lifecycle-app" >"$out/kam.txt" 2>"$out/kam.log"
+    # Context, thread and window lifecycle while offloaded, each scenario with
+    # its pixels and messages; directly first, to check the program itself.
+    "$app" lifecycle >"$out/direct.txt" 2>"$out/direct.log" || fail "lifecycle directly: $(grep FAIL "$out/direct.txt")"
+    "$kam_run" --verbose "$app" lifecycle >"$out/kam.txt" 2>"$out/kam.log"
     rc=$?
     cat "$out/kam.txt"
-    [[ $rc -eq 0 ]] || fail "lifecycle app through kam-run ended with $rc: $(grep FAIL "$out/kam.txt") $(tail -3 "$out/kam.log")"
+    [[ $rc -eq 0 ]] || fail "lifecycle through kam-run ended with $rc: $(grep FAIL "$out/kam.txt") $(tail -3 "$out/kam.log")"
     [[ $(grep -c '^PASS ' "$out/kam.txt") -eq $(grep -c '^PASS ' "$out/direct.txt") ]] || fail "not every scenario ran"
-    left() { echo $(( $(sed -n 's/^threads_before=\([0-9]*\) threads_after=\([0-9]*\).*/\2-\1/p' "$1") )); }
-    [[ $(left "$out/kam.txt") -le $(left "$out/direct.txt") ]] || fail "threads left behind: $(grep -h threads_ "$out/direct.txt" "$out/kam.txt")"
+    threads_kept
     ;;
   platform_bindings)
     # A process that loaded the desktop GL library first (programs that can
