@@ -94,13 +94,13 @@ case "$test_name" in
     # where draws from client memory wait for the worker.
     frames_both "--args 1" --size 256 --frames 300
     ! grep -q "is stopped" "$out/kam.log" || fail "offload stopped during the run"
-    frames_both "" --size 256 --frames 100 --rows client-draws,names,programs
+    frames_both "" --size 256 --frames 100 --rows client-draws,names
     ;;
   soak)
     # Thousands of frames, offload switched off and on every few frames and
     # objects made and dropped every frame; the program checks that resident
     # memory levels off.
-    frames_both "" --frames "${KAM_SOAK_FRAMES:-40000}" --toggle-every 7 --rows uploads,names,buffers,tracked
+    frames_both "" --frames "${KAM_SOAK_FRAMES:-40000}" --toggle-every 7 --rows uploads,names,buffers,maps,elements
     starts=$(grep -c "KAMWorker started -> " "$out/kam.log")
     stops=$(grep -c "is stopped EGLContext=" "$out/kam.log")
     [[ $starts -ge 10 && $stops -ge 10 ]] || fail "offload was not toggled (started $starts, stopped $stops times)"
