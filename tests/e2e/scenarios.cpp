@@ -28,7 +28,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -69,8 +68,7 @@ std::string gWhy;  // the first failure
 
 bool fail(const std::string &why) {
     std::lock_guard<std::mutex> guard(gWhyLock);
-    if (gWhy.empty()) gWhy = why;
-    return false;
+    return gWhy = gWhy.empty() ? why : gWhy, false;
 }
 bool offloaded() { return gOffloaded && gOffloaded(); }
 double now() { return clock_seconds(CLOCK_MONOTONIC); }
@@ -106,15 +104,12 @@ bool frames(EGLSurface s, int n) {
         const uint32_t seed = gSeed++;
         uint8_t c[2][3], px[4 * 1024];
         colours(seed, c);
-        glViewport(0, 0, gSize, gSize);
-        glEnable(GL_SCISSOR_TEST);
+        glViewport(0, 0, gSize, gSize), glEnable(GL_SCISSOR_TEST);
         for (int half = 0; half < 2; ++half) {
             glScissor(half * gSize / 2, 0, gSize / 2, gSize);
-            glClearColor(c[half][0] / 255.0f, c[half][1] / 255.0f, c[half][2] / 255.0f, 1.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
+            glClearColor(c[half][0] / 255.0f, c[half][1] / 255.0f, c[half][2] / 255.0f, 1.0f), glClear(GL_COLOR_BUFFER_BIT);
         }
-        glDisable(GL_SCISSOR_TEST);
-        glReadPixels(0, gSize / 2, gSize, 1, GL_RGBA, GL_UNSIGNED_BYTE, px);
+        glDisable(GL_SCISSOR_TEST), glReadPixels(0, gSize / 2, gSize, 1, GL_RGBA, GL_UNSIGNED_BYTE, px);
         for (int x = 0; x < gSize; ++x)
             if (std::memcmp(px + 4 * x, c[x >= gSize / 2], 3) != 0 || px[4 * x + 3] != 255)
                 return fail("frame " + std::to_string(seed) + ": pixel " + std::to_string(x) + " is wrong");
@@ -136,26 +131,19 @@ bool until_offloaded(EGLSurface s) {
 
 struct Sum {
     uint64_t h = 1469598103934665603ull;
-    void bytes(const void *p, size_t n) {
-        for (size_t i = 0; i < n; ++i) h = (h ^ static_cast<const uint8_t *>(p)[i]) * 1099511628211ull;
-    }
+    void bytes(const void *p, size_t n) { while (n--) h = (h ^ *static_cast<const uint8_t *>(p)) * 1099511628211ull, p = static_cast<const uint8_t *>(p) + 1; }
     void value(uint32_t v) { bytes(&v, sizeof v); }
 };
 
 uint32_t mix(uint32_t a, uint32_t b) {
     uint32_t x = a * 0x9E3779B1u ^ (b + 0x7F4A7C15u + (a << 6) + (a >> 2));
-    x = (x ^ (x >> 16)) * 0x85EBCA6Bu;
-    x = (x ^ (x >> 13)) * 0xC2B2AE35u;
+    x = (x ^ (x >> 16)) * 0x85EBCA6Bu, x = (x ^ (x >> 13)) * 0xC2B2AE35u;
     return x ^ (x >> 16);
 }
 
 // Positions as floats and as 16.16 fixed point: a draw reads with a stride
 // that is not its attributes' size.
-struct Vtx {
-    float x, y;
-    GLfixed fx, fy;
-    uint8_t rgba[4];
-};
+struct Vtx { float x, y; GLfixed fx, fy; uint8_t rgba[4]; };
 
 // Small triangles over [0,1]^2, one colour each.
 void fill(Vtx *v, int n, uint32_t seed) {
@@ -170,35 +158,21 @@ void fill(Vtx *v, int n, uint32_t seed) {
 }
 
 // Mode 0: the vertex colour; 1: a 2D texture; 2: a layer of a 3D texture.
-const char *kVs = R"(#version 300 es
-layout(location = 0) in vec2 a_pos;
-layout(location = 1) in vec4 a_color;
-uniform vec4 u_rect;
-out vec2 v_uv;
-out vec4 v_color;
-void main() { v_uv = a_pos; v_color = a_color; gl_Position = vec4(u_rect.xy + a_pos * u_rect.zw, 0.0, 1.0); })";
-const char *kFs = R"(#version 300 es
-precision mediump float;
-precision mediump sampler3D;
-in vec2 v_uv;
-in vec4 v_color;
-uniform int u_mode;
-uniform float u_layer;
-uniform sampler2D u_t2;
-uniform sampler3D u_t3;
-out vec4 o;
-void main() { o = u_mode == 0 ? v_color : u_mode == 1 ? texture(u_t2, v_uv) : texture(u_t3, vec3(v_uv, u_layer)); })";
+const char *kVs = "#version 300 es\nlayout(location = 0) in vec2 a_pos; layout(location = 1) in vec4 a_color; uniform vec4 u_rect;"
+                  "out vec2 v_uv; out vec4 v_color; void main() { v_uv = a_pos; v_color = a_color;"
+                  "gl_Position = vec4(u_rect.xy + a_pos * u_rect.zw, 0.0, 1.0); }";
+const char *kFs = "#version 300 es\nprecision mediump float; precision mediump sampler3D; in vec2 v_uv; in vec4 v_color;"
+                  "uniform int u_mode; uniform float u_layer; uniform sampler2D u_t2; uniform sampler3D u_t3; out vec4 o;"
+                  "void main() { o = u_mode == 0 ? v_color : u_mode == 1 ? texture(u_t2, v_uv) : texture(u_t3, vec3(v_uv, u_layer)); }";
 
-enum Buf { kQuad, kColours, kVbo, kUnpack, kPack0, kPack1, kSrc, kSub, kEbo, kMap, kFlush, kRing, kTf, kUbo0, kUbo1, kBufs };
+enum Buf { kQuad, kColours, kVbo, kUnpack, kPack0, kPack1, kEbo, kMap, kFlush, kGone, kRing, kTf, kUbo0, kUbo1, kBufs };
 constexpr GLsizeiptr kBytes = 12 * sizeof(Vtx);  // what a draw from a buffer reads
 constexpr GLsizeiptr kFar = 0x10000 + 64;       // past 64 KiB: no client pointer
 
 struct Scene {
     GLuint prog = 0, vao = 0, ebo_vao = 0, tex[4] = {}, bufs[kBufs] = {};
-    GLint rect = -1, mode = -1, layer = -1;
-    GLint unpack[6] = {4, 0, 0, 0, 0, 0};  // what the uploads last set, kept across frames
+    GLint rect = -1, mode = -1, layer = -1, unpack[6] = {4, 0, 0, 0, 0, 0};  // unpack: what the uploads last set
     int cell = 0;
-    std::deque<std::pair<GLuint, bool>> vaos;  // name, bound once
 };
 
 // Each draw of a frame in a cell of its own (8 by 8): a difference in the
@@ -230,7 +204,7 @@ bool create(Scene &s) {
     std::memcpy(&data[1024], square, sizeof square);
     for (int i = 0; i < 32; ++i) reinterpret_cast<GLushort *>(&data[kFar])[i] = static_cast<GLushort>((i + 3) % 12);
     glGenBuffers(kBufs, s.bufs);
-    const GLsizeiptr sizes[kBufs] = {32, 512, kBytes, 0, 528, 528, 0, 0, 0, kBytes, kBytes, kFar + 4 * kBytes, kBytes, kBytes, kBytes};
+    const GLsizeiptr sizes[kBufs] = {32, 512, kBytes, 0, 528, 528, 0, kBytes, kBytes, 0, kFar + 4 * kBytes, kBytes, kBytes, kBytes};
     const size_t at[3] = {1024, 0, 512};  // of kQuad, kColours, kVbo
     for (int i = 0; i < kBufs; ++i)
         if (glBindBuffer(GL_COPY_WRITE_BUFFER, s.bufs[i]), sizes[i])
@@ -249,16 +223,10 @@ bool create(Scene &s) {
 }
 
 // A pixel-store value or offset of frame f: base + f % mod.
-struct P {
-    int base, mod;
-    int at(uint32_t f) const { return base + static_cast<int>(f % static_cast<uint32_t>(mod)); }
-};
+struct P { int base, mod; int at(uint32_t f) const { return base + static_cast<int>(f % static_cast<uint32_t>(mod)); } };
 constexpr P k0{0, 1};
-struct Upload {
-    int tex;  // 3: the 3D texture
-    GLenum ifmt, fmt;
-    int bpp, w, h, d;
-    bool sub, pbo;
+struct Upload {  // tex 3: the 3D texture
+    int tex; GLenum ifmt, fmt; int bpp, w, h, d; bool sub, pbo;
     P align_log2, row_length, skip_pixels, skip_rows, image_height, skip_images, x, y, z;
 };
 const Upload kUploads[] = {
@@ -318,43 +286,9 @@ void uploads(Scene &s, uint32_t f, Sum &) {
     glBindVertexArray(0);
 }
 
-// Vertex array names made in pairs, one bound at once: a generated name is an
-// object only once bound. Deleting the bound one falls back to the default.
-void names(Scene &s, uint32_t f, Sum &sum) {
-    GLuint n[2];
-    GLint bound = -1;
-    if (f % 3 == 0) {
-        glGenVertexArrays(2, n), glBindVertexArray(n[0]), point(s.bufs[kQuad], 0, true);
-        s.vaos.insert(s.vaos.end(), {{n[0], true}, {n[1], false}});
-    }
-    if ((f % 5 == 0 && s.vaos.size() > 4) || s.vaos.size() > 12) {  // few kept: a frame costs the same all along
-        n[0] = s.vaos[0].first, n[1] = s.vaos[1].first;
-        s.vaos.erase(s.vaos.begin(), s.vaos.begin() + 2), glDeleteVertexArrays(2, n);
-        sum.value(glIsVertexArray(n[0]) | glIsVertexArray(n[1]) << 1);
-    }
-    if (f % 11 == 10 && !s.vaos.empty()) {
-        n[0] = s.vaos.back().first, s.vaos.pop_back();
-        glBindVertexArray(n[0]), glDeleteVertexArrays(1, n), glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &bound);
-        sum.value(static_cast<uint32_t>(bound) | glIsVertexArray(n[0]) << 16);
-    }
-    for (const auto &v : s.vaos) sum.value(glIsVertexArray(v.first) == (v.second ? GL_TRUE : GL_FALSE));
-    const auto first = std::find_if(s.vaos.begin(), s.vaos.end(), [](const std::pair<GLuint, bool> &v) { return v.second; });
-    if (first != s.vaos.end()) {
-        glBindVertexArray(first->first), cell(s);
-        glVertexAttrib4f(1, static_cast<float>(f % 7) / 6.0f, 0.5f, static_cast<float>(f % 5) / 4.0f, 1.0f);
-        glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-    }
-    glBindVertexArray(0);
-}
-
 // Draws from client memory ('c' colours from it too, 'b' from a buffer left
 // bound, 'k' a constant); vertices and indices are rewritten as each returns.
-struct ClientDraw {
-    GLenum mode, index_type;  // 0: glDrawArrays
-    int first, count;
-    char colour;
-    bool fixed, range, restart;
-};
+struct ClientDraw { GLenum mode, index_type; int first, count; char colour; bool fixed, range, restart; };  // index type 0: glDrawArrays
 const ClientDraw kClientDraws[] = {
     {GL_TRIANGLES, GL_UNSIGNED_SHORT, 3, 18, 'c', false, false, false}, {GL_TRIANGLES, GL_UNSIGNED_INT, 24, 21, 'c', false, false, false},
     {GL_TRIANGLES, GL_UNSIGNED_SHORT, 48, 18, 'c', false, true, false}, {GL_TRIANGLES, 0, 66, 12, 'c', false, false, false},
@@ -387,42 +321,16 @@ void client_draws(Scene &s, uint32_t f, Sum &) {
     glDisableVertexAttribArray(0), glDisableVertexAttribArray(1);
 }
 
-// Buffer data from client memory rewritten at once, and a mapped buffer
-// deleted: that unmaps it, and the binding falls back to zero.
-void buffers(Scene &s, uint32_t f, Sum &sum) {
-    std::vector<Vtx> v(12);
-    fill(v.data(), 12, mix(f, 0x800)), glBindBuffer(GL_ARRAY_BUFFER, s.bufs[kSrc]);
-    glBufferData(GL_ARRAY_BUFFER, kBytes, v.data(), GL_STREAM_DRAW);
-    fill(v.data(), 12, mix(f, 0x801)), glBindBuffer(GL_ARRAY_BUFFER, s.bufs[kSub]);
-    glBufferData(GL_ARRAY_BUFFER, kBytes, nullptr, GL_DYNAMIC_DRAW);
-    glBufferSubData(GL_ARRAY_BUFFER, 0, kBytes / 2, v.data()), glBufferSubData(GL_ARRAY_BUFFER, kBytes / 2, kBytes / 2, &v[6]);
-    std::memset(v.data(), 0x5A, kBytes);
-    if (f % 3 == 0) {
-        GLuint d = 0;
-        GLint bound = -1;
-        glGenBuffers(1, &d), glBindBuffer(GL_ARRAY_BUFFER, d), glBufferData(GL_ARRAY_BUFFER, 65536, nullptr, GL_DYNAMIC_DRAW);
-        void *p = glMapBufferRange(GL_ARRAY_BUFFER, 0, 65536, GL_MAP_WRITE_BIT | GL_MAP_INVALIDATE_BUFFER_BIT);
-        if (p) std::memset(p, static_cast<int>(f & 0xFF), 65536);
-        glDeleteBuffers(1, &d), glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &bound);
-        sum.value(static_cast<uint32_t>(bound) | (p != nullptr) << 16);
-    }
-    glBindVertexArray(s.vao);
-    for (int b : {kSrc, kSub}) point(s.bufs[b], 0), cell(s), glDrawArrays(GL_TRIANGLES, 0, 12);
-    glBindVertexArray(0);
-}
-
-// Mappings, each drawn from before the next.
-struct Map {
-    GLenum target;
-    int buf;
-    GLintptr offset;
-    GLbitfield access;
-};
+// Mappings, each drawn from before the next (in a vertex array made for the
+// frame: its name may come back). A mapped buffer deleted is unmapped, and
+// the binding falls back to zero.
+struct Map { GLenum target; int buf; GLintptr offset; GLbitfield access; };
 constexpr GLbitfield kStream = GL_MAP_UNSYNCHRONIZED_BIT | GL_MAP_INVALIDATE_RANGE_BIT;
 const Map kMaps[] = {
     // One buffer twice, the second time orphaned; all of one written and the
     // second half flushed: only that is defined, and drawn.
     {GL_ARRAY_BUFFER, kMap, 0, 0}, {GL_ARRAY_BUFFER, kMap, 0, GL_MAP_INVALIDATE_BUFFER_BIT}, {GL_ARRAY_BUFFER, kFlush, 0, GL_MAP_FLUSH_EXPLICIT_BIT},
+    {GL_ARRAY_BUFFER, kGone, 0, GL_MAP_INVALIDATE_BUFFER_BIT},
     // Bound by index (or range), mapped through the generic binding that sets.
     {GL_UNIFORM_BUFFER, kUbo0, 0, 0}, {GL_UNIFORM_BUFFER, kUbo1, 0, 0}, {GL_TRANSFORM_FEEDBACK_BUFFER, kTf, 0, GL_MAP_INVALIDATE_RANGE_BIT},
     // A streaming ring past 64 KiB: orphaned, then unsynchronized maps on.
@@ -431,8 +339,10 @@ const Map kMaps[] = {
 };
 
 void maps(Scene &s, uint32_t f, Sum &sum) {
-    glBindVertexArray(s.vao);
+    GLuint vao = 0;
+    glGenVertexArrays(1, &vao), glBindVertexArray(vao);
     for (const Map &m : kMaps) {
+        if (m.buf == kGone) glGenBuffers(1, &s.bufs[kGone]), glBindBuffer(m.target, s.bufs[kGone]), glBufferData(m.target, kBytes, nullptr, GL_STREAM_DRAW);
         const GLuint b = s.bufs[m.buf];
         const bool flush = m.access & GL_MAP_FLUSH_EXPLICIT_BIT;
         if (m.target == GL_UNIFORM_BUFFER) glBindBufferBase(m.target, static_cast<GLuint>(m.buf - kUbo0), b);
@@ -441,10 +351,12 @@ void maps(Scene &s, uint32_t f, Sum &sum) {
         void *p = glMapBufferRange(m.target, m.offset, kBytes, GL_MAP_WRITE_BIT | m.access);
         if (p) fill(static_cast<Vtx *>(p), 12, mix(f, static_cast<uint32_t>(&m - kMaps)));
         if (p && flush) glFlushMappedBufferRange(m.target, kBytes / 2, kBytes / 2);
-        sum.value((p != nullptr) | glUnmapBuffer(m.target) << 1);
-        point(b, m.offset), cell(s), glDrawArrays(GL_TRIANGLES, flush ? 6 : 0, flush ? 6 : 12);
+        GLint bound = -1;
+        if (m.buf == kGone) glDeleteBuffers(1, &b), glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &bound), sum.value(static_cast<uint32_t>(bound));
+        else sum.value((p != nullptr) | glUnmapBuffer(m.target) << 1), point(b, m.offset), cell(s), glDrawArrays(GL_TRIANGLES, flush ? 6 : 0, flush ? 6 : 12);
     }
-    glBindBufferBase(GL_TRANSFORM_FEEDBACK_BUFFER, 0, 0), glBindVertexArray(0);
+    glBindBufferBase(GL_TRANSFORM_FEEDBACK_BUFFER, 0, 0), glBindVertexArray(0), glDeleteVertexArrays(1, &vao);
+    sum.value(glIsVertexArray(vao));
     // Past the end: the driver's answer, error included.
     glBindBuffer(GL_ARRAY_BUFFER, s.bufs[kMap]);
     void *p = glMapBufferRange(GL_ARRAY_BUFFER, 0, kBytes + 1, GL_MAP_WRITE_BIT);
@@ -489,18 +401,10 @@ void reads(Scene &s, uint32_t f, Sum &sum) {
     glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
 }
 
-struct Row {
-    const char *name;
-    void (*run)(Scene &, uint32_t, Sum &);
-};
-const Row kRows[] = {{"uploads", uploads}, {"names", names}, {"client-draws", client_draws}, {"buffers", buffers},
-                     {"maps", maps},       {"elements", elements}, {"reads", reads}};
+struct Row { const char *name; void (*run)(Scene &, uint32_t, Sum &); };
+const Row kRows[] = {{"uploads", uploads}, {"client-draws", client_draws}, {"maps", maps}, {"elements", elements}, {"reads", reads}};
 
-struct Options {
-    bool lifecycle = false;
-    long frames = 300, size = 64, toggle_every = 0;
-    std::vector<const Row *> rows;
-};
+struct Options { bool lifecycle = false; long frames = 300, size = 64, toggle_every = 0; std::vector<const Row *> rows; };
 
 constexpr long kWarmup = 30;  // frames before offload; their objects are used after it
 
@@ -541,16 +445,14 @@ EGLContext new_context() {
     // The version after another attribute: the platform walks the list.
     static const EGLint attribs[] = {EGL_CONTEXT_MINOR_VERSION_KHR, 0, EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
     EGLContext c = eglCreateContext(gP.dpy, gP.config, EGL_NO_CONTEXT, attribs);
-    if (c == EGL_NO_CONTEXT) fail("eglCreateContext failed");
-    return c;
+    return c != EGL_NO_CONTEXT || fail("eglCreateContext failed") ? c : EGL_NO_CONTEXT;
 }
 constexpr Window kPbuffer = 1;  // for new_surface: a pbuffer, not a window
 EGLSurface new_surface(Window w = 0) {
     static const EGLint pbuffer[] = {EGL_WIDTH, 64, EGL_HEIGHT, 64, EGL_NONE};
     EGLSurface s = w == kPbuffer ? eglCreatePbufferSurface(gP.dpy, gP.config, pbuffer)
                                  : eglCreateWindowSurface(gP.dpy, gP.config, static_cast<EGLNativeWindowType>(w ? w : gP.win), nullptr);
-    if (s == EGL_NO_SURFACE) fail("no surface");
-    return s;
+    return s != EGL_NO_SURFACE || fail("no surface") ? s : EGL_NO_SURFACE;
 }
 bool make_current(EGLSurface s, EGLContext c) { return eglMakeCurrent(gP.dpy, s, s, c) || fail("eglMakeCurrent failed"); }
 void release() { eglMakeCurrent(gP.dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT); }
@@ -558,7 +460,6 @@ void destroy(EGLSurface s, EGLContext c = EGL_NO_CONTEXT) {
     if (s != EGL_NO_SURFACE) eglDestroySurface(gP.dpy, s);
     if (c != EGL_NO_CONTEXT) eglDestroyContext(gP.dpy, c);
 }
-
 void on_thread(const char *name, const std::function<void()> &body) {
     std::thread([&] { prctl(PR_SET_NAME, name, 0, 0, 0), body(); }).join();
 }
@@ -571,13 +472,12 @@ void in_context(const Body &body, Window w = 0) {
     EGLContext c = new_context();
     EGLSurface s = new_surface(w);
     if (make_current(s, c)) body(c, s);
-    release();
-    destroy(s, c);
-    eglReleaseThread();
+    release(), destroy(s, c), eglReleaseThread();
 }
 void with_context(const char *thread, const Body &body, Window w = 0) {
     on_thread(thread, [&] { in_context(body, w); });
 }
+void five_frames(EGLContext &, EGLSurface &s) { frames(s, 5); }
 
 // A context destroyed while current stays usable until it is released,
 // though the driver no longer presents with it; then the thread renders on a
@@ -585,12 +485,9 @@ void with_context(const char *thread, const Body &body, Window w = 0) {
 void after_destroyed(EGLContext &c, EGLSurface &s) {
     c = EGL_NO_CONTEXT;
     gPresent = [](EGLDisplay, EGLSurface) -> EGLBoolean { return EGL_TRUE; };
-    frames(s, 10);
-    gPresent = eglSwapBuffers;
-    release();
-    destroy(s);
-    s = EGL_NO_SURFACE;
-    in_context([](EGLContext &, EGLSurface &s2) { frames(s2, 5); });
+    frames(s, 10), gPresent = eglSwapBuffers;
+    release(), destroy(s), s = EGL_NO_SURFACE;
+    in_context(five_frames);
 }
 
 // Renders for a while on a thread or context the layer must leave alone.
@@ -622,13 +519,11 @@ void GL_APIENTRY hold_worker(GLenum, GLenum, GLuint, GLenum, GLsizei, const GLch
 // A window of its own over the shared one, with its visual.
 Window new_window() {
     XWindowAttributes wa{};
-    XGetWindowAttributes(gP.xdpy, gP.win, &wa);
     XSetWindowAttributes swa{};
-    swa.colormap = wa.colormap;
+    XGetWindowAttributes(gP.xdpy, gP.win, &wa), swa.colormap = wa.colormap;
     Window w = XCreateWindow(gP.xdpy, DefaultRootWindow(gP.xdpy), 0, 0, 64, 64, 0, wa.depth, InputOutput, wa.visual,
                              CWColormap | CWBackPixel | CWBorderPixel, &swa);
-    XMapRaised(gP.xdpy, w);
-    XSync(gP.xdpy, False);
+    XMapRaised(gP.xdpy, w), XSync(gP.xdpy, False);
     return w;
 }
 
@@ -643,8 +538,7 @@ bool window_shows_last_frame(Window w, const char *when) {
         XImage *img = XGetImage(gP.xdpy, w, 0, 0, 64, 64, AllPlanes, ZPixmap);
         if (!img) return fail("XGetImage failed");
         const bool shown = (XGetPixel(img, 0, 32) & 0xffffff) == rgb(c[0]) && (XGetPixel(img, 63, 32) & 0xffffff) == rgb(c[1]);
-        XDestroyImage(img);
-        if (shown) return true;
+        if (XDestroyImage(img), shown) return true;
     }
     return fail(std::string("the window does not show the last frame ") + when);
 }
@@ -666,17 +560,21 @@ bool zeros_without_context(const char *when) {
     return true;
 }
 
+// The render thread ends while offloaded, on window w; the context and
+// surface are left to the caller.
+void exit_offloaded(const char *name, EGLContext &c, EGLSurface &s, Window w = 0) {
+    on_thread(name, [&] {
+        if ((c = new_context()) && (s = new_surface(w)) && make_current(s, c)) until_offloaded(s);
+    });
+}
+
 // A scenario runs its body in a context on a thread of that name (on a
 // pbuffer for kPbuffer), or runs `other` where it needs more.
+// offloads: offload starts once in it, else never; must: the layer's messages
+// it logs, "L text" with L the level's letter; mustNot: at any level.
 struct Scenario {
-    const char *name;
-    bool offloads;                      // offload starts once in it, else never
-    std::vector<const char *> must;     // the layer's messages, "L text" with L the level's letter
-    std::vector<const char *> mustNot;  // at any level
-    const char *thread;
-    Body body;
-    std::function<void()> other;
-    Window surface;
+    const char *name; bool offloads; std::vector<const char *> must, mustNot;
+    const char *thread; Body body; std::function<void()> other; Window surface;
 };
 const Scenario kScenarios[] = {
     {"destroy-from-owner", true, {"D KAMContext is released EGLContext=", "D version=3"}, {"is stopped"}, "lc-owner",
@@ -694,10 +592,8 @@ const Scenario kScenarios[] = {
          });
          with_context("lc-victim", [&](EGLContext &c, EGLSurface &s) {
              if (!until_offloaded(s)) return;
-             victim.set_value(c);
-             sent = true;
-             destroyed.get_future().wait();
-             after_destroyed(c, s);
+             victim.set_value(c), sent = true;
+             destroyed.get_future().wait(), after_destroyed(c, s);
          });
          if (!sent) victim.set_value(EGL_NO_CONTEXT);
          killer.join();
@@ -706,9 +602,7 @@ const Scenario kScenarios[] = {
      nullptr, nullptr, [] {
          EGLContext c = EGL_NO_CONTEXT;
          EGLSurface s = EGL_NO_SURFACE;
-         on_thread("lc-exit", [&] {  // ends with the context current and offloaded
-             if ((c = new_context()) && (s = new_surface()) && make_current(s, c)) until_offloaded(s);
-         });
+         exit_offloaded("lc-exit", c, s);
          char held[64];
          std::snprintf(held, sizeof held, "EGLContext= %p", c);
          std::unique_lock<std::mutex> guard(gLogLock);
@@ -717,8 +611,7 @@ const Scenario kScenarios[] = {
          });
          guard.unlock();
          if (!reported) fail(std::string("the exiting thread did not report ") + held);
-         destroy(s, c);
-         with_context("lc-after-exit", [](EGLContext &, EGLSurface &s2) { frames(s2, 5); });
+         destroy(s, c), with_context("lc-after-exit", five_frames);
      }, 0},
     // Presenting with damage all along: a failed make-current leaves the
     // thread's binding as it was; released, the thread is not offloaded,
@@ -729,10 +622,9 @@ const Scenario kScenarios[] = {
          if (!gSwapWithDamage || !label) return void(fail("no eglSwapBuffersWithDamageEXT or eglLabelObjectKHR"));
          if (label(gP.dpy, EGL_OBJECT_CONTEXT_KHR, c, nullptr) != EGL_SUCCESS || label(gP.dpy, EGL_OBJECT_SURFACE_KHR, s, nullptr) != EGL_SUCCESS)
              return void(fail("eglLabelObjectKHR refused the context or the surface"));
-         gPresent = swap_with_damage;
          EGLContext other = new_context();
          EGLSurface bad = reinterpret_cast<EGLSurface>(static_cast<uintptr_t>(0x4b4b4b40));
-         if (!until_offloaded(s))
+         if (gPresent = swap_with_damage, !until_offloaded(s))
              ;
          else if (eglMakeCurrent(gP.dpy, bad, bad, other) || eglGetError() != EGL_BAD_SURFACE)
              fail("eglMakeCurrent took a bad surface, or not with EGL_BAD_SURFACE");
@@ -742,9 +634,7 @@ const Scenario kScenarios[] = {
              fail("offloaded without a current context");
          else if (make_current(s, c) && gOffloaded && !offloaded())
              fail("not offloaded again after taking the context back");
-         frames(s, 30);
-         gPresent = eglSwapBuffers;
-         destroy(EGL_NO_SURFACE, other);
+         frames(s, 30), gPresent = eglSwapBuffers, destroy(EGL_NO_SURFACE, other);
      }, nullptr, 0},
     // The window surface stays with the offloaded context (its worker has it
     // current): the second context draws to a pbuffer.
@@ -759,8 +649,7 @@ const Scenario kScenarios[] = {
              if (gOffloaded && !offloaded()) fail("not offloaded again back on the first context");
              if (make_current(p, c2)) viewport_is(2, "on the second context again");
          }
-         release();
-         destroy(p, c2);
+         release(), destroy(p, c2);
      }, nullptr, 0},
     // From the offloaded context to another window context the layer measured
     // before: the switch drains the first one's queue (it may hold the last
@@ -772,21 +661,16 @@ const Scenario kScenarios[] = {
              EGLContext c1 = new_context();
              EGLSurface s1 = new_surface(w);
              if (frames(s2, 2) && make_current(s1, c1) && until_offloaded(s1)) {
-                 glEnable(GL_DEBUG_OUTPUT);
-                 glDebugMessageCallback(hold_worker, nullptr);
-                 frames(s1, 1);
-                 glLineWidth(-1.0f);
+                 glEnable(GL_DEBUG_OUTPUT), glDebugMessageCallback(hold_worker, nullptr);
+                 frames(s1, 1), glLineWidth(-1.0f);
                  if (make_current(s2, c2)) {
                      if (gOffloaded && !gHeld) fail("the first context's queue was not drained by the switch");
                      window_shows_last_frame(w, "after switching to the other window context");
-                     gSwitched = true;
-                     frames(s2, 5);
+                     gSwitched = true, frames(s2, 5);
                  }
              }
              gSwitched = true;
-             release();
-             XDestroyWindow(gP.xdpy, w);
-             destroy(s1, c1);
+             release(), XDestroyWindow(gP.xdpy, w), destroy(s1, c1);
          });
      }, 0},
     // Start-up work on another context's pbuffer after the window context's
@@ -796,14 +680,9 @@ const Scenario kScenarios[] = {
      [](EGLContext &c1, EGLSurface &s) {
          EGLContext c2 = new_context();
          EGLSurface p = new_surface(kPbuffer);
-         if (p != EGL_NO_SURFACE && frames(s, 3) && make_current(p, c2) && frames(p, 3)) {
-             destroy(s, c1);
-             s = EGL_NO_SURFACE;
-             c1 = EGL_NO_CONTEXT;
-             never_offloaded(c2, p);
-         }
-         release();
-         destroy(p, c2);
+         if (p != EGL_NO_SURFACE && frames(s, 3) && make_current(p, c2) && frames(p, 3))
+             destroy(s, c1), s = EGL_NO_SURFACE, c1 = EGL_NO_CONTEXT, never_offloaded(c2, p);
+         release(), destroy(p, c2);
      }, nullptr, 0},
     {"calls-without-context", false, {}, {}, nullptr, nullptr, [] {
          on_thread("lc-nocontext", [] {
@@ -830,13 +709,10 @@ const Scenario kScenarios[] = {
          const Window w = new_window();
          EGLContext c = EGL_NO_CONTEXT;
          EGLSurface s = EGL_NO_SURFACE;
-         on_thread("lc-gone", [&] {
-             if ((c = new_context()) && (s = new_surface(w)) && make_current(s, c)) until_offloaded(s);
-         });
+         exit_offloaded("lc-gone", c, s, w);
          if (auto going = reinterpret_cast<void (*)(unsigned long)>(dlsym(RTLD_DEFAULT, "kam_platform_native_window_destroyed")))
              going(w), window_shows_last_frame(w, "when it is destroyed");
-         XDestroyWindow(gP.xdpy, w);
-         destroy(s, c);
+         XDestroyWindow(gP.xdpy, w), destroy(s, c);
      }, 0},
     {"pbuffer-only-context", false, {}, {"RenderThread is marked"}, "lc-pbuffer", never_offloaded, nullptr, kPbuffer},
     {"thread-named-RenderThread", false, {"D iniTLS <RenderThread> skip=1"}, {"RenderThread is marked"}, "RenderThread", never_offloaded, nullptr, 0},
@@ -864,10 +740,8 @@ std::string check_log(size_t from, int starts_wanted, const std::vector<const ch
 }
 
 bool run_lifecycle() {
-    release();  // the scenarios make their own contexts and surfaces on the window
-    destroy(gP.surf, gP.ctx);
-    gP.surf = EGL_NO_SURFACE;
-    gP.ctx = EGL_NO_CONTEXT;
+    release(), destroy(gP.surf, gP.ctx);  // the scenarios make their own contexts and surfaces on the window
+    gP.surf = EGL_NO_SURFACE, gP.ctx = EGL_NO_CONTEXT;
     int failed = 0;
     for (const Scenario &sc : kScenarios) {
         std::unique_lock<std::mutex> guard(gLogLock);
@@ -876,8 +750,7 @@ bool run_lifecycle() {
         std::fprintf(stderr, "kam-e2e-app: --- %s\n", sc.name);
         gWhy.clear();
         if (sc.thread) with_context(sc.thread, sc.body, sc.surface); else sc.other();
-        std::string why = gWhy;
-        if (why.empty() && gOffloaded) why = check_log(from, sc.offloads, sc.must, sc.mustNot);
+        const std::string why = gWhy.empty() && gOffloaded ? check_log(from, sc.offloads, sc.must, sc.mustNot) : gWhy;
         failed += !why.empty();
         std::printf(why.empty() ? "PASS %s\n" : "FAIL %s: %s\n", sc.name, why.c_str());
         std::fflush(stdout);
@@ -910,19 +783,15 @@ bool parse(int argc, char **argv, Options *o) {
 
 int main(int argc, char **argv) {
     Options o;
-    if (!parse(argc, argv, &o)) {
-        std::fprintf(stderr, "usage: kam-e2e-app frames [--rows a,b,...] [--frames N] [--size PX] [--toggle-every K]\n"
-                             "       kam-e2e-app lifecycle\n");
-        return 2;
-    }
+    if (!parse(argc, argv, &o))
+        return std::fprintf(stderr, "usage: kam-e2e-app frames [--rows a,b,...] [--frames N] [--size PX] [--toggle-every K]\n"
+                                    "       kam-e2e-app lifecycle\n"), 2;
     const int threads_before = thread_count();
-    gSize = static_cast<int>(o.size);
-    gKeepLog = o.lifecycle;
+    gSize = static_cast<int>(o.size), gKeepLog = o.lifecycle;
     gOffloaded = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "kam_platform_thread_offloaded"));
     const bool ok = setup_platform(&gP, {"kam-e2e-app", gSize, gSize, false}) && (o.lifecycle ? run_lifecycle() : run_frames(o));
     if (!gWhy.empty()) std::fprintf(stderr, "kam-e2e-app: %s\n", gWhy.c_str());
-    teardown_platform(&gP);
-    std::fflush(stdout);
+    teardown_platform(&gP), std::fflush(stdout);
     int records[2] = {0, 0};
     if (auto counts = reinterpret_cast<void (*)(int *, int *)>(dlsym(RTLD_DEFAULT, "kam_platform_record_counts")))
         counts(&records[0], &records[1]);

@@ -16,15 +16,12 @@
 static long frame, offloaded;
 static int (*thread_offloaded)(void);
 
+// The platform's libEGL is often dlopen'ed privately (SDL): not in the
+// global scope.
 static int frame_offloaded(void) {
     static int looked;
-    if (!looked) {
-        // The platform's libEGL is often dlopen'ed privately (SDL): not in
-        // the global scope.
-        void *egl = dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
-        thread_offloaded = egl ? (int (*)(void))dlsym(egl, "kam_platform_thread_offloaded") : NULL;
-        looked = 1;
-    }
+    void *egl = looked++ ? NULL : dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
+    if (egl) thread_offloaded = (int (*)(void))dlsym(egl, "kam_platform_thread_offloaded");
     return thread_offloaded && thread_offloaded();
 }
 
@@ -47,8 +44,7 @@ unsigned eglSwapBuffers(void *dpy, void *surface) {
     unsigned (*next)(void *, void *) = (unsigned (*)(void *, void *))dlsym(RTLD_NEXT, "eglSwapBuffers");
     int was = frame_offloaded();
     unsigned ok = next(dpy, surface);
-    presented(was);
-    return ok;
+    return presented(was), ok;
 }
 
 void SDL_GL_SwapWindow(void *window) {
