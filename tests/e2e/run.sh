@@ -1,26 +1,22 @@
 #!/usr/bin/env bash
-# End-to-end checks: real GLES programs, with and without the layer, on Mesa
-# in an X window (a private Xvfb when there is no display).
-#   run.sh TEST BUILD_DIR
+# End-to-end checks: GLES programs with and without the layer, on Mesa under X
+# (a private Xvfb without a display).   run.sh TEST BUILD_DIR
 set -uo pipefail
-test_name=$1
-build=$(cd "$2" && pwd)
+test_name=$1 build=$(cd "$2" && pwd)
 [[ -n "${DISPLAY:-}" ]] || exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
 
-kam_run="$build/kam-run"
-app="$build/kam-e2e-app"
+kam_run="$build/kam-run" app="$build/kam-e2e-app"
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 count() { grep -c "$1" "$out/kam.log"; }
-# "$@" directly (output in $out/direct.*), then through kam-run with the
-# options in $kam_opts (output in $out/kam.*).
+# "$@" directly ($out/direct.*), then through kam-run $kam_opts ($out/kam.*).
 both() {
   "$@" >"$out/direct.txt" 2>"$out/direct.log" || fail "$1 without the layer: $(grep -h FAIL "$out/direct.txt"; tail -3 "$out/direct.log")"
   "$kam_run" $kam_opts "$@" >"$out/kam.txt" 2>"$out/kam.log" || fail "$1 through kam-run: $(grep -h FAIL "$out/kam.txt"; grep -v '^_V_KAM' "$out/kam.log" | tail -3)"
 }
 left() { sed -n 's/.*threads_left=\([-0-9]*\).*/\1/p' "$out/$1.log"; }
-threads_kept() { (($(left kam) <= $(left direct))) || fail "threads left behind: $(left direct) directly, $(left kam) through the layer"; }
+threads_kept() { (($(left kam) <= $(left direct))) || fail "threads left: $(left direct) directly, $(left kam) through the layer"; }
 # kam-e2e-app frames: every frame the same through the layer.
 frames_both() {
   both "$app" frames "$@"
@@ -39,10 +35,9 @@ case "$test_name" in
     grep "Validation" "$out/kam.txt" | diff "$out/direct.v" - || fail "validation results differ through the layer"
     ;;
   demo_png | demo_toggle)
-    # Through the layer the demo renders on until frames went through the
-    # worker for a second (a statistics line) before the last one is saved;
-    # demo_toggle switches offload off and on every 100 frames through the
-    # platform's updateMTR, and 300 offloaded frames take three phases on.
+    # Through the layer until frames went through the worker for a second (a
+    # statistics line); demo_toggle switches offload every 100 frames through
+    # the platform's updateMTR, and 300 offloaded frames take three phases on.
     args=(--frames 500 --quiet) offloaded=30
     [[ $test_name == demo_toggle ]] && args+=(--toggle-every 100) offloaded=300
     "$build/kam-demo" "${args[@]}" --png "$out/direct.png" || fail "demo without the layer failed"
@@ -50,8 +45,7 @@ case "$test_name" in
       || fail "demo through kam-run failed: $(tail -5 "$out/kam.log")"
     cmp "$out/direct.png" "$out/kam.png" || fail "the last frame differs through the layer"
     if [[ $test_name == demo_png ]]; then
-      # The statistics count what the application thread posted to the worker
-      # in a frame: thousands of GL calls, not a handful of control items.
+      # Posts per frame counted by the statistics: GL calls, not control items.
       size=$(sed -n 's/.* size=\([0-9]*\).*/\1/p' "$out/kam.log" | tail -n1)
       [[ -n "$size" && "$size" -gt 1000 ]] || fail "the worker got too few commands per frame: ${size:-none}"
     else
@@ -60,8 +54,7 @@ case "$test_name" in
     fi
     ;;
   glmark2_offload)
-    # Every default scene (glmark2's own list) in one context, so that
-    # offload stays on, round and round until each ran once offloaded.
+    # glmark2's default scenes in one context, round and round until each ran offloaded.
     glmark2-es2 --reuse-context -s 320x240 -b :duration=0.05 >"$out/list.txt" 2>&1 || fail "glmark2 without the layer failed"
     sed -n 's/^\[\([^]]*\)\] \(.*\): FPS.*/\1:\2/p' "$out/list.txt" | sed 's/:<default>$//' >"$out/scenes"
     n=$(wc -l <"$out/scenes")
@@ -79,44 +72,37 @@ case "$test_name" in
     grep -q " fps=" "$out/kam.log" || fail "no statistics line"
     ;;
   shadow_state)
-    # GL calls whose meaning depends on state captured when they are made
-    # (the rows of kam-e2e-app frames), with client vertex-array emulation on
-    # ("--args 1"); then client draws and objects with it off, the default,
-    # where draws from client memory wait for the worker.
+    # Calls whose meaning depends on state captured at the call, with client
+    # vertex-array emulation on ("--args 1"); then client draws with it off
+    # (the default), where they wait for the worker.
     kam_opts="--verbose --args 1" frames_both --size 256 --frames 300
     ((! $(count "is stopped"))) || fail "offload stopped during the run"
     frames_both --size 256 --frames 100 --rows client-draws
     ;;
   soak)
-    # Thousands of frames, offload switched off and on every few frames and
-    # objects made and dropped every frame; the program checks that resident
-    # memory levels off.
+    # Thousands of frames, offload switched every few; resident memory levels off.
     frames_both --frames "${KAM_SOAK_FRAMES:-40000}" --toggle-every 7 --rows uploads,maps,elements
     (($(count "KAMWorker started -> ") >= 10 && $(count "is stopped EGLContext=") >= 10)) || fail "offload was not toggled"
     grep -h "rss_" "$out/direct.log" "$out/kam.log"
     ;;
   lifecycle)
-    # Context, thread and window lifecycle while offloaded, each scenario with
-    # its pixels and messages; directly first, to check the program itself.
+    # Context, thread and window lifecycle while offloaded (directly too).
     both "$app" lifecycle
     cat "$out/kam.txt"
     (($(grep -c '^PASS ' "$out/kam.txt") == $(grep -c '^PASS ' "$out/direct.txt"))) || fail "not every scenario ran"
     threads_kept
     ;;
   platform_bindings)
-    # A process that loaded the desktop GL library first (programs that can
-    # use GLX and EGL): the platform's libraries still bind their own gl* and
-    # egl* references to themselves, and a GLES program reports the same.
+    # With the desktop GL library loaded first the platform's libraries still
+    # bind their own gl* and egl* names, and a GLES program reports the same.
     gl=$(ls /usr/lib/*/libGL.so.1 | head -n1)
     es2info=$(command -v es2_info || ls /usr/bin/es2_info.* 2>/dev/null | head -n1)
     kam_opts="" LD_DEBUG=bindings LD_DEBUG_OUTPUT="$out/ld" LD_PRELOAD="$gl" both "$es2info"
     foreign=$(cat "$out"/ld.* | grep "binding file $build/lib/" | grep -v " to $build/lib/" | grep "symbol \`e\?gl" | head -n3)
     [[ -z "$foreign" ]] || fail "the platform binds its own names elsewhere: $foreign"
     diff "$out/direct.txt" "$out/kam.txt" || fail "es2_info reports differently through the layer"
-    # apitrace's eglretrace (waffle) replays on GLX unless told otherwise: it
-    # loads libGL.so.1, makes GLX contexts current and takes GL functions
-    # from eglGetProcAddress and libGLESv2 - ours here. The demo's first
-    # frame differs between direct replays too; its last one does not.
+    # eglretrace (waffle) on GLX loads libGL.so.1 and takes GL functions from
+    # our eglGetProcAddress and libGLESv2. Only the demo's last frame is stable.
     apitrace trace --api egl -o "$out/demo.trace" "$build/kam-demo" --frames 3 --quiet >"$out/trace.log" 2>&1 \
       || fail "could not record the demo: $(tail -3 "$out/trace.log")"
     mkdir -p "$out/direct" "$out/kam"
@@ -128,8 +114,6 @@ case "$test_name" in
     [[ -n "$last" ]] || fail "eglretrace wrote no snapshot"
     cmp <(pngtopnm "$out/direct/$last") <(pngtopnm "$out/kam/$last" 2>/dev/null) || fail "eglretrace's last frame differs through kam-run"
     ;;
-  *)
-    fail "unknown test $test_name"
-    ;;
+  *) fail "unknown test $test_name" ;;
 esac
 echo "PASS: $test_name"

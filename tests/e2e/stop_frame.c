@@ -1,12 +1,7 @@
-// Preloaded into an unmodified program by tests/e2e/compat.sh: stops its
-// render thread on a chosen presented frame, so that the X server's image is
-// a frame the direct run reproduces exactly (the programs animate by frame
-// number, not by clock).
-//   KAM_STOP_OFFLOADED=N  stop on the first frame after N frames went through
-//                         the layer's worker (kam_platform_thread_offloaded)
-//   KAM_STOP_FRAME=M      stop on frame M (the direct run)
-//   KAM_STOP_FILE=PATH    gets "frame=M offloaded=K" once frame M is on screen
-// The thread then blocks for good: the test takes the screen and kills it.
+// Preloaded by tests/e2e/compat.sh: blocks the render thread for good on a
+// presented frame, which the direct run (animated by frame number) reproduces:
+// KAM_STOP_OFFLOADED=N once N frames went through the layer's worker, or
+// KAM_STOP_FRAME=M; KAM_STOP_FILE then gets "frame=M offloaded=K".
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdio.h>
@@ -50,6 +45,5 @@ unsigned eglSwapBuffers(void *dpy, void *surface) {
 void SDL_GL_SwapWindow(void *window) {
     void (*next)(void *) = (void (*)(void *))dlsym(RTLD_NEXT, "SDL_GL_SwapWindow");
     int was = frame_offloaded();
-    next(window);
-    presented(was);
+    next(window), presented(was);
 }
