@@ -78,10 +78,28 @@ size_t elemSizeOf(const ClientArray* a) {
     return packed ? 4 : static_cast<size_t>(kamTypeSize(a->type)) * static_cast<size_t>(a->size);
 }
 
+// The worker takes an attribute pointer for client memory (a copy, or the
+// application's own) only with no array buffer bound: the application may
+// have one bound by the time it draws. Its binding comes back after.
+class ArrayBufferAside {
+public:
+    explicit ArrayBufferAside(KAMContext* c) : mContext(c), mBound(c->mBindings.getBindingBuffer(GL_ARRAY_BUFFER)) {
+        if (mBound != 0) kamRecord<glBindBuffer_Bridge>(c, GLenum(GL_ARRAY_BUFFER), GLuint(0));
+    }
+    ~ArrayBufferAside() {
+        if (mBound != 0) kamRecord<glBindBuffer_Bridge>(mContext, GLenum(GL_ARRAY_BUFFER), mBound);
+    }
+
+private:
+    KAMContext* mContext;
+    GLuint mBound;
+};
+
 // Copies vertices first .. first + vertices - 1 of every live client array
 // into the arena, packed, and points the worker's attribute at the copy.
 // False when a copy cannot be made; the draw must then wait.
 bool copyVertices(KAMContext* c, size_t first, size_t vertices) {
+    ArrayBufferAside aside(c);
     for (int slot = 0; slot < KAMContext::kAttribSlots; ++slot) {
         ClientArray* a = c->mAttribArrays[slot];
         if (!isLive(c, a)) continue;
@@ -114,11 +132,14 @@ bool copyVertices(KAMContext* c, size_t first, size_t vertices) {
 // back where earlier draws left them on copies.
 template <class F>
 void drawNow(KAMContext* c, const char* label, F&& draw) {
-    for (int slot = 0; slot < KAMContext::kAttribRecords; ++slot) {
-        ClientArray* a = c->mAttribArrays[slot];
-        if (a == nullptr || !a->copied) continue;
-        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, a->stride, a->pointer);
-        a->copied = false;
+    {
+        ArrayBufferAside aside(c);
+        for (int slot = 0; slot < KAMContext::kAttribRecords; ++slot) {
+            ClientArray* a = c->mAttribArrays[slot];
+            if (a == nullptr || !a->copied) continue;
+            kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, a->stride, a->pointer);
+            a->copied = false;
+        }
     }
     c->mWorker->postSync(draw, label);
 }
@@ -205,7 +226,8 @@ KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum t
     if (index <= 16 && attribAccepted(size, type, stride)) {
         ClientArray*& a = c->mAttribArrays[index];
         const GLuint vertexArray = c->mBindings.currentVertexArray;
-        if (!kamIsClientMemory(pointer)) {
+        // With an array buffer bound the pointer is an offset into it, however large.
+        if (c->mBindings.getBindingBuffer(GL_ARRAY_BUFFER) != 0 || !kamIsClientMemory(pointer)) {
             if (a != nullptr && a->vertexArray == vertexArray) {
                 a->pointer = nullptr;
                 a->copied = false;

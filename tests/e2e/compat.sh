@@ -1,25 +1,15 @@
 #!/usr/bin/env bash
-# Compatibility: unmodified programs from Debian run through kam-run with
-# offload active, and what they present or read back is identical to their
-# direct run on the system's libraries.
-#   compat.sh ROW BUILD_DIR      ROW: a name from the table below
-# Methods:
-#   screen   run until OFFLOADED frames went through the worker, stop the
-#            render thread on that frame (libkam-stop-frame.so), take the X
-#            server's image; the direct run stops on the same frame number.
-#   running  the same without comparing (the program animates by the clock).
-#   retrace  record the program with apitrace, replay the trace with
-#            eglretrace directly and through kam-run, and compare the MD5 of
-#            every frame's snapshot; the replay through kam-run is paced, and
-#            slowed down further until OFFLOADED frames ran offloaded.
+# Compatibility: unmodified Debian programs through kam-run, offloaded, show or
+# read back what their direct run does.   compat.sh ROW BUILD_DIR
+# screen: stop the render thread (libkam-stop-frame.so) once OFFLOADED frames
+# went through the worker, and compare the X server's image with the direct
+# run's on the same frame; running: the same, not compared (clock-animated);
+# retrace: compare the MD5 of every snapshot of eglretrace replaying an
+# apitrace recording, directly and through kam-run (paced until enough ran offloaded).
 set -uo pipefail
-
-row=$1
-build=$(cd "$2" && pwd)
+row=$1 build=$(cd "$2" && pwd)
 # Images of the root window: a private server, whatever DISPLAY says.
-if [[ -z "${KAM_COMPAT_XVFB:-}" ]]; then
-  KAM_COMPAT_XVFB=1 exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
-fi
+[[ -n "${KAM_COMPAT_XVFB:-}" ]] || KAM_COMPAT_XVFB=1 exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
 
 OFFLOADED=30   # frames through the worker before the compared one
 FRAMES=300     # frames recorded for a replay
@@ -32,13 +22,10 @@ still="av://lavfi:mandelbrot=s=320x240,loop=loop=-1:size=1"
 glmark2="glmark2-es2 --reuse-context -s 320x240"
 export SDL_VIDEO_X11_FORCE_EGL=1
 
-# mpv's 6-tap scalers (spline36, lanczos) pad each row of their weight
-# texture from 6 to 8 floats and leave the padding uninitialised (0.35's
-# reinit_scaler: talloc_array, mp_compute_lut writes 6 of every 8). GL_LINEAR
-# mixes the padding in with weight 0, and 0 * NaN is NaN: when the reused
-# heap block holds a NaN there, every weight is NaN and the picture is black,
-# directly as through the layer (any change in heap use flips it). With
-# MALLOC_PERTURB_ the block is filled with a finite pattern.
+# mpv 0.35's 6-tap scalers leave 2 of every 8 floats of their weight texture
+# uninitialised (reinit_scaler); GL_LINEAR mixes them in with weight 0, and a
+# NaN left there blacks out the picture, directly or through the layer as heap
+# use goes: MALLOC_PERTURB_ fills the block with a finite pattern.
 # row               | method  | program and arguments
 table=$(cat <<'EOF'
 testgles2           | screen  | $sdl/testgles2 --geometry 320x240
@@ -61,41 +48,38 @@ fail() { echo "FAIL: $row: $*" >&2; exit 1; }
 stop_lib="$build/lib/libkam-stop-frame.so"
 [[ -f $stop_lib ]] || fail "no $stop_lib"
 
-# Waits up to three minutes for a condition; the program's pid in $pid.
-wait_for() {
+# Starts "$@" in the background, stopped on a frame (KAM_STOP_* in the
+# environment), and waits up to three minutes for it to get there.
+stopped() {
+  rm -f "$out/stop"
+  env LD_PRELOAD="$stop_lib" KAM_STOP_FILE="$out/stop" "$@" &
+  pid=$!
   local end=$((SECONDS + 180))
-  until "$@"; do
-    kill -0 "$pid" 2>/dev/null || return 1
-    ((SECONDS < end)) || return 1
+  until [[ -s "$out/stop" ]]; do
+    kill -0 "$pid" 2>/dev/null && ((SECONDS < end)) || return 1
     sleep 0.2
   done
 }
-# The X server's image of the screen once two in a row agree.
-capture() {
-  local i
-  for i in $(seq 20); do
-    xwd -root -silent | xwdtopnm 2>/dev/null >"$1"
-    cmp -s "$1" "$1.prev" 2>/dev/null && return 0
-    mv "$1" "$1.prev"
-  done
-  fail "the screen never settled"
-}
-# Starts "$@" stopped on a frame (KAM_STOP_* in the environment), waits for
-# it, takes the screen into $1.ppm unless $2 is "none", and ends the program.
+# Runs stopped, takes the screen (two images in a row alike) into $1.ppm
+# unless $2 is "running", and ends the program.
 stopped_run() {
-  local name=$1 what=$2; shift 2
-  rm -f "$out/stop"
-  env LD_PRELOAD="$stop_lib" KAM_STOP_FILE="$out/stop" "$@" >"$out/$name.log" 2>&1 &
-  pid=$!
-  wait_for test -s "$out/stop" || fail "$name run never reached its frame: $(tail -5 "$out/$name.log")"
-  [[ $what == none ]] || capture "$out/$name.ppm"
+  local name=$1 what=$2 i tries=20
+  shift 2
+  [[ $what == running ]] && tries=0
+  stopped "$@" >"$out/$name.log" 2>&1 || fail "$name run never reached its frame: $(tail -5 "$out/$name.log")"
+  for ((i = 0; i < tries; i++)); do
+    xwd -root -silent | xwdtopnm 2>/dev/null >"$out/$name.ppm"
+    cmp -s "$out/$name.ppm" "$out/$name.prev" 2>/dev/null && break
+    mv "$out/$name.ppm" "$out/$name.prev"
+  done
+  [[ $what == running || -f "$out/$name.ppm" ]] || fail "the screen never settled"
   kill -9 "$pid"; wait "$pid" 2>/dev/null
   stop=$(cat "$out/stop")
 }
 md5s() { grep -xE '[0-9A-F]{32}' "$1"; }
 
 case "$method" in
-  screen|running)
+  screen | running)
     stopped_run kam "$method" env KAM_STOP_OFFLOADED=$OFFLOADED "$build/kam-run" --verbose "$@"
     kam_stop=$stop
     grep -q "KAMWorker started -> " "$out/kam.log" || fail "offload never became active"
@@ -103,38 +87,33 @@ case "$method" in
     stopped_run direct "$method" env KAM_STOP_FRAME="$frame" "$@"
     result="not compared"
     if [[ $method == screen ]]; then
-      [[ $(ppmhist -noheader "$out/direct.ppm" | wc -l) -gt 2 ]] || fail "the direct run shows a blank screen: nothing to compare"
+      (($(ppmhist -noheader "$out/direct.ppm" | wc -l) > 2)) || fail "the direct run shows a blank screen: nothing to compare"
       cmp -s "$out/direct.ppm" "$out/kam.ppm" || fail "frame $frame differs through the layer ($kam_stop)"
       result="identical"
     fi
     echo "$row: $kam_stop, screen $result"
     ;;
   retrace)
-    # A short trace, never kept: the program stops itself or on frame FRAMES.
-    rm -f "$out/stop"
-    env LD_PRELOAD="/usr/lib/x86_64-linux-gnu/apitrace/wrappers/egltrace.so:$stop_lib" TRACE_FILE="$out/t.trace" \
-      KAM_STOP_FRAME=$FRAMES KAM_STOP_FILE="$out/stop" "$@" >"$out/record.log" 2>&1 &
-    pid=$!
-    wait_for test -s "$out/stop"
-    kill -TERM "$pid" 2>/dev/null; wait "$pid" 2>/dev/null   # the tracer writes out the trace
+    # A short trace: the program stops itself or on frame FRAMES; SIGTERM writes it out.
+    stopped env LD_PRELOAD="/usr/lib/x86_64-linux-gnu/apitrace/wrappers/egltrace.so:$stop_lib" TRACE_FILE="$out/t.trace" \
+      KAM_STOP_FRAME=$FRAMES "$@" >"$out/record.log" 2>&1
+    kill -TERM "$pid" 2>/dev/null; wait "$pid" 2>/dev/null
     [[ -s $out/t.trace ]] || fail "no trace recorded: $(tail -5 "$out/record.log")"
-    # eglretrace replays through waffle, which picks GLX unless told: the
-    # replay must reach EGL, and so the layer (waffle still loads libGL first).
+    # waffle picks GLX unless told: the replay must reach EGL and the layer.
     export WAFFLE_PLATFORM=x11_egl
     eglretrace -s - --snapshot-format=MD5 "$out/t.trace" >"$out/direct.txt" 2>"$out/direct.log" \
       || fail "eglretrace without the layer failed: $(tail -5 "$out/direct.log")"
     md5s "$out/direct.txt" >"$out/direct.md5"
     frames=$(wc -l <"$out/direct.md5")
-    [[ $frames -gt $OFFLOADED && $(sort -u "$out/direct.md5" | wc -l) -gt 1 ]] || fail "the trace has $frames frames, all alike"
-    # The frame-rate meter needs seconds of frames: the replay is paced, and
-    # paced slower until enough of it ran offloaded.
+    ((frames > OFFLOADED && $(sort -u "$out/direct.md5" | wc -l) > 1)) || fail "the trace has $frames frames, all alike"
+    # The frame-rate meter needs seconds of frames: paced, slower until enough ran offloaded.
     for pace in 20000 40000 80000 160000; do
       "$build/kam-run" --verbose stdbuf -oL eglretrace --min-frame-duration=$pace -s - --snapshot-format=MD5 \
         "$out/t.trace" >"$out/kam.txt" 2>&1 || fail "eglretrace through kam-run failed: $(grep -v '^[0-9A-F]*$' "$out/kam.txt" | tail -5)"
       offloaded=$(sed -n '/KAMWorker started -> /,$p' "$out/kam.txt" | md5s /dev/stdin | wc -l)
-      [[ $offloaded -ge $OFFLOADED ]] && break
+      ((offloaded >= OFFLOADED)) && break
     done
-    [[ $offloaded -ge $OFFLOADED ]] || fail "only $offloaded of $frames frames ran offloaded"
+    ((offloaded >= OFFLOADED)) || fail "only $offloaded of $frames frames ran offloaded"
     md5s "$out/kam.txt" | diff -q - "$out/direct.md5" >/dev/null \
       || fail "snapshots differ through the layer, first at frame $(md5s "$out/kam.txt" | diff - "$out/direct.md5" | sed -n '1s/[^0-9].*//p')"
     echo "$row: $offloaded of $frames frames offloaded, every snapshot identical"

@@ -1,12 +1,7 @@
-// Preloaded into an unmodified program by tests/e2e/compat.sh: stops its
-// render thread on a chosen presented frame, so that the X server's image is
-// a frame the direct run reproduces exactly (the programs animate by frame
-// number, not by clock).
-//   KAM_STOP_OFFLOADED=N  stop on the first frame after N frames went through
-//                         the layer's worker (kam_platform_thread_offloaded)
-//   KAM_STOP_FRAME=M      stop on frame M (the direct run)
-//   KAM_STOP_FILE=PATH    gets "frame=M offloaded=K" once frame M is on screen
-// The thread then blocks for good: the test takes the screen and kills it.
+// Preloaded by tests/e2e/compat.sh: blocks the render thread for good on a
+// presented frame, which the direct run (animated by frame number) reproduces:
+// KAM_STOP_OFFLOADED=N once N frames went through the layer's worker, or
+// KAM_STOP_FRAME=M; KAM_STOP_FILE then gets "frame=M offloaded=K".
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdio.h>
@@ -16,15 +11,12 @@
 static long frame, offloaded;
 static int (*thread_offloaded)(void);
 
+// The platform's libEGL is often dlopen'ed privately (SDL): not in the
+// global scope.
 static int frame_offloaded(void) {
     static int looked;
-    if (!looked) {
-        // The platform's libEGL is often dlopen'ed privately (SDL): not in
-        // the global scope.
-        void *egl = dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
-        thread_offloaded = egl ? (int (*)(void))dlsym(egl, "kam_platform_thread_offloaded") : NULL;
-        looked = 1;
-    }
+    void *egl = looked++ ? NULL : dlopen("libEGL.so.1", RTLD_LAZY | RTLD_NOLOAD);
+    if (egl) thread_offloaded = (int (*)(void))dlsym(egl, "kam_platform_thread_offloaded");
     return thread_offloaded && thread_offloaded();
 }
 
@@ -47,13 +39,11 @@ unsigned eglSwapBuffers(void *dpy, void *surface) {
     unsigned (*next)(void *, void *) = (unsigned (*)(void *, void *))dlsym(RTLD_NEXT, "eglSwapBuffers");
     int was = frame_offloaded();
     unsigned ok = next(dpy, surface);
-    presented(was);
-    return ok;
+    return presented(was), ok;
 }
 
 void SDL_GL_SwapWindow(void *window) {
     void (*next)(void *) = (void (*)(void *))dlsym(RTLD_NEXT, "SDL_GL_SwapWindow");
     int was = frame_offloaded();
-    next(window);
-    presented(was);
+    next(window), presented(was);
 }
