@@ -55,10 +55,10 @@ void clearLog() {
     gLog.clear();
 }
 
-int countLog(const std::string& fragment) {
+int countLog(const std::string& fragment, int priority) {
     int n = 0;
     for (const LogLine& l : logLines())
-        if (l.tag == "_V_KAM" && l.text.find(fragment) != std::string::npos) ++n;
+        if (l.tag == "_V_KAM" && l.text.find(fragment) != std::string::npos && (priority < 0 || l.priority == priority)) ++n;
     return n;
 }
 

@@ -26,8 +26,9 @@ struct LogLine {
 
 std::vector<LogLine> logLines();
 void clearLog();
-// Lines of the layer's tag whose text contains the fragment.
-int countLog(const std::string& fragment);
+// Lines of the layer's tag whose text contains the fragment, at the given
+// android_LogPriority (any priority when negative).
+int countLog(const std::string& fragment, int priority = -1);
 
 // The table a detached thread gets, as the fake platform hands it over.
 extern void* noContextTable[fake::kGlTableSize];
