@@ -347,7 +347,7 @@ breakdown_dat "$perf/frame_bench_lp0.txt" >"$tmp/breakdown-lp0.dat"
   echo "set output '$perf/frame_breakdown.png'"
   echo "set multiplot layout 1,2 title 'Where a frame goes, ms per frame (2000 draws, game logic = direct driver time)'"
   echo "set style data histograms; set style histogram rowstacked; set style fill solid 0.8 border -1; set boxwidth 0.7"
-  echo "set grid y; set key top left; set ylabel 'ms per frame'; set yrange [0:*]; set bmargin 4"
+  echo "set grid y; set key outside right top vertical; set ylabel 'ms per frame'; set yrange [0:*]; set bmargin 4"
   for cfg in "lp:LP_NUM_THREADS=$lp_threads" "lp0:LP_NUM_THREADS=0 (single-threaded driver)"; do
     echo "set title '${cfg#*:}'"
     f="$tmp/breakdown-${cfg%%:*}.dat"

@@ -138,6 +138,11 @@ void KAMWorker::process() {
         if (mForeignCount.load(std::memory_order_acquire) == 0) break;
         runForeign();
     }
+    if (spin([this] {
+            return __atomic_load_n(&mHead->mNext, __ATOMIC_RELAXED) != 0 ||
+                   mForeignCount.load(std::memory_order_relaxed) != 0;
+        }))
+        return;
     mSleeping.store(1, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_seq_cst);
     if (__atomic_load_n(&mHead->mNext, __ATOMIC_RELAXED) != 0 || mForeignCount.load(std::memory_order_relaxed) != 0) {
