@@ -228,8 +228,9 @@ values = {
     "LP0_SETUP": lp0_setup, "LP0_TABLE": table(lp0), "LP0_KAM_DIRECT_FPS": f"{lp0_kd:.2f}",
     "LP0_GLTHREAD_DIRECT_FPS": f"{ratio(lp0, 'glthread', 'direct', 'fps'):.2f}",
     "BREAKDOWN_TABLE": breakdown_table(w1), "BREAKDOWN_LP0_TABLE": breakdown_table(lp0),
-    "RT_P50_US": (f"{float(mrow('BM_PostSyncRoundTrip')['p50_ns']) / 1000:.1f}"
-                  if mrow("BM_PostSyncRoundTrip") and mrow("BM_PostSyncRoundTrip")["p50_ns"] else "?"),
+    **{key: (f"{float(mrow('BM_PostSyncRoundTrip')[col]) / 1000:.1f}"
+             if mrow("BM_PostSyncRoundTrip") and mrow("BM_PostSyncRoundTrip").get(col) else "?")
+       for key, col in (("RT_P50_US", "p50_ns"), ("RT_P99_US", "p99_ns"))},
 }
 def load(s):
     try:
