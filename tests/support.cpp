@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
+#include <atomic>
 #include <mutex>
+
+#include <cutils/trace.h>
 
 #include "call_cases.h"
 #include "loader/KAMLoader.h"
@@ -28,6 +31,20 @@ __attribute__((visibility("default"))) int __android_log_print(int prio, const c
     kamTestAppendLog(std::move(line));
     return 1;
 }
+}
+
+namespace {
+std::atomic<int> gSyncPosts{0};
+std::atomic<bool> gTracing{false};
+}
+
+// The host's libcutils never enables a tag; the program's definitions win.
+extern "C" {
+__attribute__((visibility("default"))) uint64_t atrace_get_enabled_tags() {
+    return gTracing.load(std::memory_order_relaxed) ? ATRACE_TAG_GRAPHICS : 0;
+}
+__attribute__((visibility("default"))) void atrace_begin_body(const char*) { gSyncPosts.fetch_add(1); }
+__attribute__((visibility("default"))) void atrace_end_body() {}
 }
 
 namespace {
@@ -60,6 +77,10 @@ int countLog(const std::string& fragment, int priority) {
     for (const LogLine& l : logLines())
         if (l.tag == "_V_KAM" && l.text.find(fragment) != std::string::npos && (priority < 0 || l.priority == priority)) ++n;
     return n;
+}
+
+int syncPosts() {
+    return gTracing.exchange(true) ? gSyncPosts.load() : 0;
 }
 
 void initLayer() {

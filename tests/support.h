@@ -30,6 +30,11 @@ void clearLog();
 // android_LogPriority (any priority when negative).
 int countLog(const std::string& fragment, int priority = -1);
 
+// Synchronous posts so far: each marks a trace section on the posting thread
+// (the first call switches the graphics trace tag on and returns 0). Whether
+// a wrapper waited for the worker, independently of how soon the worker ran.
+int syncPosts();
+
 // The table a detached thread gets, as the fake platform hands it over.
 extern void* noContextTable[fake::kGlTableSize];
 
