@@ -165,10 +165,12 @@ private:
         return done.get();
     }
 
-    // Polls ready() for up to kSpinNs; true as soon as it holds.
+    // Polls ready() for up to kSpinNs; true as soon as it holds. It looks
+    // only every few hundred nanoseconds: a worker that looked at every
+    // pause would chase the producer line by line through the arena, each
+    // look taking away the cache line the producer is writing.
     template <class Ready>
     static bool spin(Ready ready) {
-        if (ready()) return true;
         const nsecs_t until = systemTime(SYSTEM_TIME_MONOTONIC) + kSpinNs;
         for (;;) {
             for (int i = 0; i < 16; ++i) {
@@ -177,8 +179,8 @@ private:
 #elif defined(__arm__) || defined(__aarch64__)
                 __asm__ __volatile__("yield");
 #endif
-                if (ready()) return true;
             }
+            if (ready()) return true;
             if (systemTime(SYSTEM_TIME_MONOTONIC) >= until) return false;
         }
     }
