@@ -1,6 +1,7 @@
 #include "fake_driver.h"
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 
@@ -11,7 +12,38 @@ std::vector<Call> gCalls;
 std::atomic<uint64_t> gResult{0};
 std::atomic<bool> gRecording{true};
 std::map<std::string, Handler> gHandlers;
+std::map<uint64_t, std::string> gAliases;
+std::vector<std::pair<pthread_t, std::string>> gThreads;
 }  // namespace
+
+void alias(uint64_t value, const std::string& name) { gAliases[value] = name; }
+void aliasThread(pthread_t thread, const std::string& name) {
+    for (auto& t : gThreads)
+        if (pthread_equal(t.first, thread)) return void(t.second = name);  // an ended thread's id comes back
+    gThreads.emplace_back(thread, name);
+}
+void clearAliases() { gAliases.clear(), gThreads.clear(); }
+
+std::string trace(std::initializer_list<const char*> names) {
+    std::string out;
+    for (const Call& c : calls()) {
+        bool wanted = names.size() == 0;
+        for (const char* n : names) wanted |= c.name == n;
+        if (!wanted) continue;
+        std::string who = "?";
+        for (const auto& t : gThreads)
+            if (pthread_equal(t.first, c.thread)) who = t.second;
+        out += (out.empty() ? "" : " ") + who + ":" + c.name + "(";
+        for (size_t i = 0; i < c.args.size(); ++i) {
+            char hex[24];
+            snprintf(hex, sizeof hex, "%llx", static_cast<unsigned long long>(c.args[i]));
+            auto a = gAliases.find(c.args[i]);
+            out += (i ? "," : "") + (a != gAliases.end() ? a->second : std::string(hex));
+        }
+        out += ")";
+    }
+    return out;
+}
 
 void setRecording(bool on) { gRecording.store(on, std::memory_order_relaxed); }
 

@@ -44,6 +44,13 @@ void clearHandlers();
 void setRecording(bool on);
 std::vector<Call> calls();
 void reset();
+// The calls of the given names (all when empty) as "thread:name(args)",
+// space-separated; threads and argument values print as named by alias(),
+// others in hex. Order, thread and arguments in one comparison.
+std::string trace(std::initializer_list<const char*> names = {});
+void alias(uint64_t value, const std::string& name);
+void aliasThread(pthread_t thread, const std::string& name);
+void clearAliases();
 // What every fake entry returns, converted to its result type.
 void setResult(uint64_t value);
 uint64_t result();

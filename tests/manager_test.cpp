@@ -1,15 +1,12 @@
-// The manager's policy end to end against the fake driver: which threads and
-// contexts may be offloaded, when the worker starts and offload switches on,
-// what every frame boundary does while it runs, how the platform switches it
-// off and on, and what happens when a context dies under an offloaded thread.
+// The manager's policy against the fake driver: which threads and contexts
+// are offloaded, when the worker starts and offload switches on, what each
+// frame boundary does, stop and restart, and contexts dying under a thread.
 
 #include <gtest/gtest.h>
 #include <log/log.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <future>
@@ -27,6 +24,7 @@
 #include "support.h"
 
 using namespace android;
+using fake::trace;
 
 namespace {
 
@@ -35,14 +33,12 @@ const EGLConfig kConfig = reinterpret_cast<EGLConfig>(0xC0F);
 const EGLSurface kPlaceholderSurface = reinterpret_cast<EGLSurface>(0x9B0F);
 const EGLContext kPlaceholderContext = reinterpret_cast<EGLContext>(0x9C7C);
 constexpr uint64_t kFenceBase = 0xFE00;
+// The binding every offloaded context's worker takes, and the placeholder's.
+const char* const kWorkerBinding = "worker:eglMakeCurrent(D,draw,read,ctx)";
+const char* const kPlaceholderBinding = "app:eglMakeCurrent(D,PS,PS,PC)";
 
 uint32_t gNowMs = 0;
 uint32_t fakeClock() { return gNowMs; }
-
-template <class T>
-uint64_t b(T v) {
-    return fake::bits(v);
-}
 
 std::string format(const char* fmt, const void* p) {
     char text[256];
@@ -50,13 +46,12 @@ std::string format(const char* fmt, const void* p) {
     return text;
 }
 
-// One application context as the platform keeps it: bound to one window
-// surface for drawing and another for reading.
+
+// One application context as the platform keeps it: drawing to one window
+// surface and reading from another.
 struct App {
     PlatformContextRecord context{};
-    PlatformSurfaceRecord draw{};
-    PlatformSurfaceRecord read{};
-    PlatformSurfaceRecord pbuffer{};
+    PlatformSurfaceRecord draw{}, read{}, pbuffer{};
     App() {
         context.display = kDisplay;
         context.clientVersion = 2;
@@ -65,55 +60,32 @@ struct App {
         read.nativeWindow = reinterpret_cast<void*>(0x72);
         context.draw = &draw;
         context.read = &read;
+        fake::alias(fake::bits(&draw), "draw");
+        fake::alias(fake::bits(&read), "read");
+        fake::alias(fake::bits(handle()), "ctx");
     }
     ~App() { context.kamContext.clear(); }
     void* handle() { return &context; }
     KAMContext* kam() const { return context.kamContext.get(); }
 };
 
+// Threads are named as the platform would see them; "app" in traces.
 template <class F>
 void onThread(const char* name, F&& body) {
     std::thread([&] {
         prctl(PR_SET_NAME, name, 0, 0, 0);
+        fake::aliasThread(pthread_self(), "app");
         body();
     }).join();
-}
-
-std::vector<fake::Call> callsNamed(const std::string& name) {
-    std::vector<fake::Call> out;
-    for (const fake::Call& c : fake::calls())
-        if (c.name == name) out.push_back(c);
-    return out;
-}
-
-int indexOf(const std::vector<fake::Call>& calls, const std::string& name, size_t from = 0) {
-    for (size_t i = from; i < calls.size(); ++i)
-        if (calls[i].name == name) return static_cast<int>(i);
-    return -1;
-}
-
-bool on(const fake::Call& c, pthread_t t) { return pthread_equal(c.thread, t) != 0; }
-
-int exactLog(const std::string& text, int priority) {
-    int n = 0;
-    for (const support::LogLine& l : support::logLines())
-        if (l.tag == "_V_KAM" && l.text == text && l.priority == priority) ++n;
-    return n;
 }
 
 class ManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         support::initLayer();
-        savedName = manager->mName;
-        savedEnabled = manager->mEnabled;
-        savedClientArrays = manager->mClientArrays;
-        savedNeed = manager->mNeedMTR.load();
-        savedRunning = manager->mWorkerRunning.load();
-        savedClock = FpsUpdater::sClock;
-        savedSwitched = loader->mEglSwitched;
+        saved = {manager->mName, manager->mEnabled, manager->mClientArrays, manager->mNeedMTR.load(),
+                 manager->mWorkerRunning.load(), FpsUpdater::sClock, loader->mEglSwitched};
         memcpy(savedEglTable, fake::eglTable, sizeof savedEglTable);
-
         manager->mEnabled = true;
         manager->mNeedMTR.store(true);
         manager->mWorkerRunning.store(false);
@@ -121,49 +93,48 @@ protected:
         FpsUpdater::sClock = &fakeClock;
         gNowMs = 10000;
         fake::clearHandlers();
+        fake::clearAliases();
+        fake::alias(fake::bits(kDisplay), "D");
+        fake::alias(fake::bits(kPlaceholderSurface), "PS");
+        fake::alias(fake::bits(kPlaceholderContext), "PC");
         fake::setResult(0);
         scriptDriver();
         fake::reset();
         support::clearLog();
     }
-
     void TearDown() override {
         fake::clearHandlers();
-        fake::setResult(0);
         fake::reset();
-        FpsUpdater::sClock = savedClock;
-        // Offload switches the platform's EGL table, which here is the fake
-        // driver's own: give it back its entries.
+        FpsUpdater::sClock = saved.clock;
+        // Offload switched the platform's EGL table, here the fake driver's own.
         memcpy(fake::eglTable, savedEglTable, sizeof savedEglTable);
-        loader->mEglSwitched = savedSwitched;
-        manager->mName = savedName;
-        manager->mEnabled = savedEnabled;
-        manager->mClientArrays = savedClientArrays;
-        manager->mNeedMTR.store(savedNeed);
-        manager->mWorkerRunning.store(savedRunning);
+        loader->mEglSwitched = saved.switched;
+        manager->mName = saved.name;
+        manager->mEnabled = saved.enabled;
+        manager->mClientArrays = saved.clientArrays;
+        manager->mNeedMTR.store(saved.need);
+        manager->mWorkerRunning.store(saved.running);
     }
 
     // A driver that can host the placeholder and fences.
     void scriptDriver() {
-        fake::setHandler("eglChooseConfig", [this](const fake::Call& c) -> uint64_t {
-            const EGLint* attribs = reinterpret_cast<const EGLint*>(c.args[1]);
-            configAttribs.clear();
-            for (int i = 0; attribs[i] != EGL_NONE; ++i) configAttribs.push_back(attribs[i]);
+        auto list = [](uint64_t p, std::vector<EGLint>& out) {
+            out.clear();
+            for (auto* a = reinterpret_cast<const EGLint*>(p); *a != EGL_NONE; ++a) out.push_back(*a);
+        };
+        fake::setHandler("eglChooseConfig", [this, list](const fake::Call& c) -> uint64_t {
+            list(c.args[1], configAttribs);
             *reinterpret_cast<EGLConfig*>(c.args[2]) = kConfig;
             *reinterpret_cast<EGLint*>(c.args[4]) = configCount;
             return EGL_TRUE;
         });
-        fake::setHandler("eglCreatePbufferSurface", [](const fake::Call&) -> uint64_t { return b(kPlaceholderSurface); });
-        fake::setHandler("eglCreateContext", [this](const fake::Call& c) -> uint64_t {
-            const EGLint* attribs = reinterpret_cast<const EGLint*>(c.args[3]);
-            contextAttribs.clear();
-            for (int i = 0; attribs[i] != EGL_NONE; ++i) contextAttribs.push_back(attribs[i]);
-            return b(kPlaceholderContext);
+        fake::setHandler("eglCreatePbufferSurface", [](const fake::Call&) { return fake::bits(kPlaceholderSurface); });
+        fake::setHandler("eglCreateContext", [this, list](const fake::Call& c) {
+            list(c.args[3], contextAttribs);
+            return fake::bits(kPlaceholderContext);
         });
-        fake::setHandler("eglMakeCurrent", [this](const fake::Call& c) -> uint64_t {
-            return (c.args[3] == 0 && failRelease.load()) ? EGL_FALSE : EGL_TRUE;
-        });
-        fake::setHandler("eglCreateSyncKHR", [this](const fake::Call&) -> uint64_t { return kFenceBase + ++fences; });
+        fake::setHandler("eglMakeCurrent", [this](const fake::Call& c) -> uint64_t { return !(c.args[3] == 0 && failRelease); });
+        fake::setHandler("eglCreateSyncKHR", [this](const fake::Call&) { return kFenceBase + ++fences; });
         fake::setHandler("eglDestroySyncKHR", [](const fake::Call&) -> uint64_t { return EGL_TRUE; });
     }
 
@@ -172,51 +143,48 @@ protected:
         gNowMs += stepMs;
         manager->swapBuffers();
     }
-    // One measuring period at a whole rate: the last frame lands a second
-    // after the previous period closed.
+    // One measuring period at a whole rate, closing a second after the last.
     void period(int fps) {
         for (int i = 0; i < fps; ++i) frame(1000 / fps);
     }
-    // From the first boundary to the one that starts the worker, at ten
-    // frames a second.
+    // From the first boundary to the one that starts the worker, at 10 fps.
     void framesUntilWorker() {
         frame();
         for (int i = 0; i < 3; ++i) period(10);
     }
-    // Makes the context current on the calling thread and runs frames until
-    // offload is on.
     KAMContext* activate(App& app) {
         manager->makeCurrentPre(app.handle(), &app.draw);
         framesUntilWorker();
         frame();
+        if (app.kam() && app.kam()->mWorker != nullptr) fake::aliasThread(workerOf(app.kam()), "worker");
         return app.kam();
     }
-    // What the platform does when the thread lets go and then destroys the
-    // context.
+    // What the platform does when the thread lets go and destroys the context.
     void release(App& app) {
         manager->makeCurrentPost(nullptr);
         app.context.kamContext.clear();
     }
-    static pthread_t workerOf(KAMContext* k) {
-        return k->mWorker->postSync([] { return pthread_self(); }, "who");
+    static pthread_t workerOf(KAMContext* k) { return k->mWorker->postSync([] { return pthread_self(); }, "who"); }
+    // The thread is attached (or not) to the context, with offload on or off.
+    static void expectState(KAMContext* k, int active) {
+        EXPECT_EQ(k->mActive, active);
+        EXPECT_EQ(__tls->mActiveContext, active ? k : nullptr);
     }
 
     KAMManager* manager = KAMManager::INSTANCE;
     KAMLoader* loader = KAMLoader::getInstance();
-    std::vector<EGLint> configAttribs;
-    std::vector<EGLint> contextAttribs;
+    std::vector<EGLint> configAttribs, contextAttribs;
     EGLint configCount = 1;
     std::atomic<bool> failRelease{false};
     std::atomic<uint64_t> fences{0};
 
 private:
-    std::string savedName;
-    bool savedEnabled = false;
-    bool savedClientArrays = false;
-    bool savedNeed = true;
-    bool savedRunning = false;
-    uint32_t (*savedClock)() = nullptr;
-    bool savedSwitched = false;
+    struct {
+        std::string name;
+        bool enabled, clientArrays, need, running;
+        uint32_t (*clock)();
+        bool switched;
+    } saved;
     void* savedEglTable[fake::kEglTableSize] = {};
 };
 
@@ -229,71 +197,51 @@ protected:
         manager->mClientArrays = false;
         ManagerTest::TearDown();
     }
-};
-
-TEST_F(ManagerInitTest, ArgumentTokens) {
-    struct Row {
-        const char* args;
-        bool debuggable;
-        bool clientArrays;
-        bool enabled;
-    } rows[] = {
-        {"", false, false, true},      {"", true, false, true},
-        {"1", false, true, true},      {"1", true, true, true},
-        {"0|1", true, false, false},   {"0|1", false, false, true},
-        {"1|1", true, true, false},    {"1|1", false, true, true},
-        {"|1", true, false, false},    {"1|", true, true, true},
-        {"||", true, false, true},     {"1|0|x", true, true, true},
-        {"11", true, false, true},     {" 1", true, false, true},
-        {"0|1|", true, false, false},  {"0| 1", true, false, true},
-        {"0|11", true, false, true},   {"|", true, false, true},
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(std::string("args=\"") + r.args + "\" debuggable=" + std::to_string(r.debuggable));
+    // initMTR's outcome and its log line; loader faults keep offload off.
+    void init(const char* args, bool debuggable, bool clientArrays, bool enabled) {
+        SCOPED_TRACE(std::string("args=\"") + args + "\" debuggable=" + std::to_string(debuggable));
         manager->mClientArrays = false;
         support::clearLog();
-        manager->initMTR("proc.name", r.debuggable, r.args);
-        EXPECT_EQ(manager->mClientArrays, r.clientArrays);
-        EXPECT_EQ(manager->mEnabled, r.enabled);
+        manager->initMTR("proc.name", debuggable, args);
+        EXPECT_EQ(manager->mClientArrays, clientArrays);
+        EXPECT_EQ(manager->mEnabled, enabled);
         EXPECT_EQ(manager->mName, "proc.name");
-        std::string line = std::string("initMTR proc.name ") + (r.enabled ? "1" : "0") + " args=" + r.args +
-                           " debuggable=" + (r.debuggable ? "1" : "0");
-        EXPECT_EQ(exactLog(line, ANDROID_LOG_DEBUG), 1);
+        EXPECT_EQ(support::exactLog(std::string("initMTR proc.name ") + (enabled ? "1" : "0") + " args=" + args +
+                               " debuggable=" + (debuggable ? "1" : "0"),
+                           ANDROID_LOG_DEBUG),
+                  1);
     }
-}
+};
 
-TEST_F(ManagerInitTest, MissingEntryPointKeepsOffloadOff) {
-    const bool saved = loader->mMissingEntries;
-    struct Row {
+TEST_F(ManagerInitTest, ArgumentTokensAndLoaderFaults) {
+    const struct {
         const char* args;
-        bool clientArrays;
-    } rows[] = {{"", false}, {"1", true}, {"0|0", false}, {"1|0", true}};
-    // Tables with a hole, or a loader that never got any.
+        bool debuggable, clientArrays, enabled;
+    } rows[] = {
+        {"", false, false, true},     {"", true, false, true},      {"1", false, true, true},
+        {"1", true, true, true},      {"0|1", true, false, false},  {"0|1", false, false, true},
+        {"1|1", true, true, false},   {"1|1", false, true, true},   {"|1", true, false, false},
+        {"1|", true, true, true},     {"||", true, false, true},    {"1|0|x", true, true, true},
+        {"11", true, false, true},    {" 1", true, false, true},    {"0|1|", true, false, false},
+        {"0| 1", true, false, true},  {"0|11", true, false, true},  {"|", true, false, true},
+    };
+    for (const auto& r : rows) init(r.args, r.debuggable, r.clientArrays, r.enabled);
+    // Tables with a hole, or a loader that never got any: the other setting still applies.
+    const bool saved = loader->mMissingEntries;
     for (bool initialised : {true, false}) {
         loader->mMissingEntries = initialised;
         loader->mInitialised = initialised;
-        for (const Row& r : rows) {
-            SCOPED_TRACE(std::string(r.args) + (initialised ? " missing entry" : " loader not initialised"));
-            manager->mClientArrays = false;
-            support::clearLog();
-            manager->initMTR("proc.name", false, r.args);
-            EXPECT_FALSE(manager->mEnabled);
-            EXPECT_EQ(manager->mClientArrays, r.clientArrays);  // the other setting still applies
-            EXPECT_EQ(exactLog(std::string("initMTR proc.name 0 args=") + r.args + " debuggable=0", ANDROID_LOG_DEBUG),
-                      1);
-            EXPECT_EQ(exactLog("initMTR proc.name: the layer's dispatch tables are incomplete, offload stays off",
+        for (const char* args : {"", "1", "0|0", "1|0"}) {
+            init(args, false, args[0] == '1', false);
+            EXPECT_EQ(support::exactLog("initMTR proc.name: the layer's dispatch tables are incomplete, offload stays off",
                                ANDROID_LOG_ERROR),
                       1);
         }
     }
     loader->mInitialised = true;
     loader->mMissingEntries = saved;
-    manager->initMTR("proc.name", false, "");
-    EXPECT_TRUE(manager->mEnabled);
-}
-
-TEST_F(ManagerInitTest, ClientArraySettingReachesNewContexts) {
-    manager->initMTR("kam-tests", false, "1");
+    init("1", false, true, true);
+    // The setting reaches contexts made from now on.
     App app;
     onThread("app-render", [&] {
         manager->makeCurrentPre(app.handle(), &app.draw);
@@ -311,12 +259,12 @@ TEST_F(ManagerTest, NothingWhileOffloadIsNotPermitted) {
     onThread("app-render", [&] {
         EXPECT_TRUE(manager->makeCurrentPre(app.handle(), &app.draw));
         EXPECT_EQ(__tls, nullptr);
-        EXPECT_EQ(app.kam(), nullptr);
         framesUntilWorker();
         manager->makeCurrentPost(nullptr);
         EXPECT_EQ(__tls, nullptr);
     });
-    EXPECT_TRUE(fake::calls().empty());
+    EXPECT_EQ(app.kam(), nullptr);
+    EXPECT_EQ(trace(), "");
     EXPECT_TRUE(support::logLines().empty());
 }
 
@@ -338,9 +286,7 @@ TEST_F(ManagerTest, SkippedThreadNeverAttachesToAnExistingContext) {
             EXPECT_TRUE(__tls->mSkip);
             EXPECT_EQ(__tls->mContext, nullptr);
             EXPECT_EQ(kam_platform_gl_slot, marker);
-            // Its frames feed nothing: no meter, no worker.
-            framesUntilWorker();
-            frame();
+            activate(app);  // its frames feed no meter and start no worker
         });
         EXPECT_EQ(k->mFrameCount, 0u);
         EXPECT_EQ(k->mFps.mFrames, 0u);
@@ -355,71 +301,62 @@ TEST_F(ManagerTest, ContextDrawingToAPbufferIsNeverMeasured) {
         manager->makeCurrentPre(app.handle(), &app.draw);
         KAMContext* k = app.kam();
         ASSERT_NE(k, nullptr);
-        // The platform rebinds the context to an off-screen surface.
-        app.context.draw = &app.pbuffer;
+        app.context.draw = &app.pbuffer;  // the platform rebinds it off-screen
         framesUntilWorker();
         frame();
         EXPECT_EQ(k->mFrameCount, 32u);
         EXPECT_EQ(k->mFps.mFrames, 0u);
         EXPECT_EQ(k->mWorker, nullptr);
-        // Back on the window, measuring starts from its first frame.
-        app.context.draw = &app.draw;
+        app.context.draw = &app.draw;  // back on the window, measuring starts afresh
         framesUntilWorker();
         EXPECT_NE(k->mWorker, nullptr);
         release(app);
     });
-    EXPECT_EQ(callsNamed("eglMakeCurrent").size(), 0u);
+    EXPECT_EQ(trace({"eglMakeCurrent"}), "");
 }
 
+// One worker per process: a second context gets none while the first has
+// one (attached elsewhere or measured side by side), and only the owner's
+// destruction gives the process's worker back.
 TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
-    App first, second;
-    onThread("first-render", [&] {
-        manager->makeCurrentPre(first.handle(), &first.draw);
-        framesUntilWorker();
-        ASSERT_NE(first.kam()->mWorker, nullptr);
-        EXPECT_TRUE(manager->mWorkerRunning.load());
-        manager->makeCurrentPost(nullptr);
-    });
-    onThread("second-render", [&] {
-        manager->makeCurrentPre(second.handle(), &second.draw);
-        EXPECT_EQ(second.kam(), nullptr);
-        ASSERT_NE(__tls, nullptr);
-        EXPECT_EQ(__tls->mContext, nullptr);
-    });
-    first.context.kamContext.clear();
-    EXPECT_FALSE(manager->mWorkerRunning.load());
-    EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);  // it was detached first
-    onThread("second-render", [&] {
-        manager->makeCurrentPre(second.handle(), &second.draw);
-        ASSERT_NE(second.kam(), nullptr);
-        EXPECT_EQ(__tls->mContext, second.kam());
-        release(second);
-    });
-}
-
-TEST_F(ManagerTest, ContextsMeasuredSideBySideGetOneWorker) {
-    App first, second;
-    for (App* a : {&first, &second}) {
-        onThread("app-render", [&] {
-            manager->makeCurrentPre(a->handle(), &a->draw);
-            manager->makeCurrentPost(nullptr);
-        });
-        ASSERT_NE(a->kam(), nullptr);
-    }
-    for (App* a : {&first, &second}) {
-        onThread("app-render", [&] {
-            manager->makeCurrentPre(a->handle(), &a->draw);
+    for (bool sideBySide : {false, true}) {
+        SCOPED_TRACE(sideBySide ? "measured side by side" : "one after the other");
+        App first, second;
+        if (sideBySide) {
+            onThread("second-render", [&] {
+                manager->makeCurrentPre(second.handle(), &second.draw);
+                manager->makeCurrentPost(nullptr);
+            });
+            ASSERT_NE(second.kam(), nullptr);
+        }
+        onThread("first-render", [&] {
+            manager->makeCurrentPre(first.handle(), &first.draw);
             framesUntilWorker();
             manager->makeCurrentPost(nullptr);
         });
+        ASSERT_NE(first.kam()->mWorker, nullptr);
+        EXPECT_TRUE(manager->mWorkerRunning.load());
+        onThread("second-render", [&] {
+            manager->makeCurrentPre(second.handle(), &second.draw);
+            framesUntilWorker();
+            ASSERT_NE(__tls, nullptr);
+            EXPECT_EQ(__tls->mContext, sideBySide ? second.kam() : nullptr);
+            manager->makeCurrentPost(nullptr);
+        });
+        EXPECT_EQ(second.kam() != nullptr, sideBySide);
+        if (sideBySide) EXPECT_EQ(second.kam()->mWorker, nullptr);
+        second.context.kamContext.clear();
+        EXPECT_TRUE(manager->mWorkerRunning.load());
+        first.context.kamContext.clear();
+        EXPECT_FALSE(manager->mWorkerRunning.load());
+        EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);  // each was detached first
+        onThread("second-render", [&] {
+            manager->makeCurrentPre(second.handle(), &second.draw);
+            ASSERT_NE(second.kam(), nullptr);
+            EXPECT_EQ(__tls->mContext, second.kam());
+            release(second);
+        });
     }
-    EXPECT_NE(first.kam()->mWorker, nullptr);
-    EXPECT_EQ(second.kam()->mWorker, nullptr);
-    // Only the context that owns the worker gives the process's one back.
-    second.context.kamContext.clear();
-    EXPECT_TRUE(manager->mWorkerRunning.load());
-    first.context.kamContext.clear();
-    EXPECT_FALSE(manager->mWorkerRunning.load());
 }
 
 // Start-up work on a pbuffer (loading screens, shader warm-up) after a
@@ -438,11 +375,37 @@ TEST_F(ManagerTest, MovingToAnUnshadowedContextLetsGoOfTheMeasuredOne) {
         framesUntilWorker();
         EXPECT_EQ(k->mFrameCount, 1u);
         EXPECT_EQ(k->mWorker, nullptr);
-        // Destroyed while the thread is elsewhere: nothing is left to reach it.
-        first.context.kamContext.clear();
+        first.context.kamContext.clear();  // destroyed while the thread is elsewhere
         frame();
     });
     EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
+}
+
+// Making current what is current already only puts the placeholder back on
+// the thread; another context is logged as a change, and an offloaded one
+// stays attached until the platform has drained and released it.
+TEST_F(ManagerTest, MakeCurrentOfTheCurrentOrAnotherContext) {
+    App app, other;
+    onThread("app-render", [&] {
+        KAMContext* k = activate(app);
+        ASSERT_EQ(k->mActive, 1);
+        fake::reset();
+        support::clearLog();
+        EXPECT_TRUE(manager->makeCurrentPre(app.handle(), &app.draw));
+        manager->makeCurrentPost(app.handle());
+        expectState(k, 1);
+        EXPECT_EQ(trace(), kPlaceholderBinding);
+        EXPECT_EQ(support::countLog("EGLContext is changed"), 0);
+        manager->makeCurrentPre(other.handle(), &other.draw);
+        EXPECT_EQ(support::exactLog(format("<app-render> EGLContext is changed tls_ctx=%p", app.handle()) +
+                               format(" set_ctx=%p", other.handle()),
+                           ANDROID_LOG_DEBUG),
+                  1);
+        EXPECT_EQ(other.kam(), nullptr);  // the process's worker is taken
+        EXPECT_EQ(__tls->mContext, k);
+        EXPECT_EQ(k->mTls.promote(), nullptr);
+        release(app);
+    });
 }
 
 // ---- start ----
@@ -453,64 +416,47 @@ TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadOneBoundaryLater)
         manager->makeCurrentPre(app.handle(), &app.draw);
         KAMContext* k = app.kam();
         ASSERT_NE(k, nullptr);
-        sp<KAMThreadLocal> tls = __tls;
-        const pthread_t appThread = pthread_self();
-
         frame();
         for (int fps : {10, 10, 5, 10, 10}) period(fps);
         for (int i = 0; i < 9; ++i) frame();
         EXPECT_EQ(k->mWorker, nullptr);
         EXPECT_FALSE(manager->mWorkerRunning.load());
-        EXPECT_TRUE(fake::calls().empty());
+        EXPECT_EQ(trace(), "");
 
         frame();  // closes the third good period in a row
         ASSERT_NE(k->mWorker, nullptr);
         EXPECT_TRUE(manager->mWorkerRunning.load());
-        EXPECT_EQ(k->mActive, 0);
-        EXPECT_EQ(tls->mActiveContext, nullptr);
-        EXPECT_EQ(k->mPlaceholderSurface, kPlaceholderSurface);
-        EXPECT_EQ(k->mPlaceholderContext, kPlaceholderContext);
+        expectState(k, 0);
         EXPECT_NE(k->mMemory.mBase, nullptr);
         EXPECT_EQ(configAttribs, (std::vector<EGLint>{EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_RED_SIZE, 8,
                                                       EGL_GREEN_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_ALPHA_SIZE, 8}));
         EXPECT_EQ(contextAttribs, (std::vector<EGLint>{EGL_CONTEXT_CLIENT_VERSION, 2}));
-        auto created = callsNamed("eglCreateContext");
-        ASSERT_EQ(created.size(), 1u);
-        EXPECT_EQ(created[0].args[2], b(app.handle()));  // shares the application's objects
-        EXPECT_TRUE(callsNamed("eglMakeCurrent").empty());
+        // The placeholder shares the application's objects; nothing is made current yet.
+        EXPECT_EQ(trace({"eglCreatePbufferSurface", "eglCreateContext", "eglMakeCurrent"}).find("eglMakeCurrent"),
+                  std::string::npos);
+        EXPECT_NE(trace({"eglCreateContext"}).find(",ctx,"), std::string::npos);
         EXPECT_FALSE(loader->mEglSwitched);
         EXPECT_EQ(support::countLog("KAMWorker started"), 0);
 
         fake::reset();
+        fake::aliasThread(workerOf(k), "worker");
         frame();
-        EXPECT_EQ(k->mActive, 1);
-        EXPECT_EQ(tls->mActiveContext, k);
+        expectState(k, 1);
         EXPECT_TRUE(loader->mEglSwitched);
-        const pthread_t worker = workerOf(k);
-        auto calls = fake::calls();
-        auto current = callsNamed("eglMakeCurrent");
-        ASSERT_EQ(current.size(), 3u);
-        EXPECT_TRUE(on(current[0], appThread));
-        EXPECT_EQ(current[0].args, (std::vector<uint64_t>{b(kDisplay), 0, 0, 0}));
-        EXPECT_TRUE(on(current[1], appThread));
-        EXPECT_EQ(current[1].args, (std::vector<uint64_t>{b(kDisplay), b(kPlaceholderSurface), b(kPlaceholderSurface),
-                                                           b(kPlaceholderContext)}));
-        EXPECT_TRUE(on(current[2], worker));
-        EXPECT_EQ(current[2].args,
-                  (std::vector<uint64_t>{b(kDisplay), b(&app.draw), b(&app.read), b(app.handle())}));
-        // The unpack state is read while the thread still has the real context.
-        int snapshot = indexOf(calls, "glGetIntegerv");
-        ASSERT_GE(snapshot, 0);
-        EXPECT_LT(snapshot, indexOf(calls, "eglMakeCurrent"));
-        EXPECT_TRUE(on(calls[snapshot], appThread));
-        EXPECT_EQ(exactLog(format("KAMWorker started -> app-render EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG),
-                  1);
-        EXPECT_EQ(callsNamed("eglChooseConfig").size(), 0u);
+        // The unpack state is read while the thread still has the real
+        // context; then the thread lets go of it for the placeholder, and the
+        // worker takes it.
+        EXPECT_EQ(trace({"glGetIntegerv", "eglMakeCurrent", "eglChooseConfig"}).substr(0, 17), "app:glGetIntegerv");
+        EXPECT_EQ(trace({"eglMakeCurrent", "eglChooseConfig"}),
+                  std::string("app:eglMakeCurrent(D,0,0,0) ") + kPlaceholderBinding + " " + kWorkerBinding);
+        EXPECT_EQ(support::exactLog(format("KAMWorker started -> app-render EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG), 1);
         release(app);
     });
 }
 
-TEST_F(ManagerTest, OffloadWaitsUntilTheRealContextIsLetGo) {
+// The real context still bound elsewhere (the release is refused), or no
+// config for the placeholder: offload stays off, and comes on once it can.
+TEST_F(ManagerTest, OffloadWaitsForTheRealContextAndAPlaceholder) {
     App app;
     onThread("app-render", [&] {
         manager->makeCurrentPre(app.handle(), &app.draw);
@@ -520,123 +466,75 @@ TEST_F(ManagerTest, OffloadWaitsUntilTheRealContextIsLetGo) {
         failRelease = true;
         fake::reset();
         frame();
-        EXPECT_EQ(k->mActive, 0);
-        EXPECT_EQ(__tls->mActiveContext, nullptr);
+        expectState(k, 0);
         EXPECT_FALSE(loader->mEglSwitched);
         k->mWorker->postSync([] {}, "drain");
-        EXPECT_EQ(callsNamed("eglMakeCurrent").size(), 1u);  // only the refused release
-        EXPECT_TRUE(callsNamed("eglCreateSyncKHR").empty());
-
+        EXPECT_EQ(trace({"eglMakeCurrent", "eglCreateSyncKHR"}), "app:eglMakeCurrent(D,0,0,0)");
         failRelease = false;
         frame();
-        EXPECT_EQ(k->mActive, 1);
-        EXPECT_EQ(__tls->mActiveContext, k);
+        expectState(k, 1);
         release(app);
     });
-}
-
-TEST_F(ManagerTest, DriverWithoutAMatchingConfigNeverOffloads) {
     configCount = 0;
-    App app;
+    App second;
     onThread("app-render", [&] {
-        manager->makeCurrentPre(app.handle(), &app.draw);
+        manager->makeCurrentPre(second.handle(), &second.draw);
         framesUntilWorker();
-        KAMContext* k = app.kam();
+        KAMContext* k = second.kam();
         ASSERT_NE(k->mWorker, nullptr);
         EXPECT_EQ(k->mPlaceholderContext, EGL_NO_CONTEXT);
+        fake::reset();
         for (int i = 0; i < 5; ++i) frame();
-        EXPECT_EQ(k->mActive, 0);
-        EXPECT_EQ(__tls->mActiveContext, nullptr);
-        release(app);
+        expectState(k, 0);
+        release(second);
     });
-    EXPECT_EQ(exactLog("eglChooseConfig failed", ANDROID_LOG_ERROR), 1);
-    EXPECT_TRUE(callsNamed("eglMakeCurrent").empty());
-    EXPECT_TRUE(callsNamed("eglCreatePbufferSurface").empty());
+    EXPECT_EQ(support::exactLog("eglChooseConfig failed", ANDROID_LOG_ERROR), 1);
+    EXPECT_EQ(trace({"eglMakeCurrent", "eglCreatePbufferSurface"}), "");
 }
 
 // ---- frame boundary ----
 
-TEST_F(ManagerTest, BoundaryWaitsForTheFrameAndLeavesAFence) {
+// Everything of the frame runs before the boundary returns, in order; last
+// frame's fence goes on the app thread before the worker makes the new one;
+// the frame's state is reset on the worker. A fence the application took is
+// its own to destroy.
+TEST_F(ManagerTest, BoundaryWaitsForTheFrameAndLeavesOneFence) {
     App app;
     onThread("app-render", [&] {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
-        const pthread_t worker = workerOf(k);
-        const pthread_t appThread = pthread_self();
         ASSERT_EQ(k->mFrameFence, reinterpret_cast<EGLSyncKHR>(kFenceBase + 1));
         fake::reset();
         kam_glActiveTexture_opt(0x84C0);
         kam_glActiveTexture_opt(0x84C1);
         EXPECT_GT(k->mMemory.mCursor, k->mMemory.mFrameStart);
-
         frame();
-        // Everything of the frame ran before the call returned, in order, and
-        // the new fence follows it.
-        auto calls = fake::calls();
-        int gl = indexOf(calls, "glActiveTexture");
-        int gl2 = indexOf(calls, "glActiveTexture", gl + 1);
-        int destroyed = indexOf(calls, "eglDestroySyncKHR");
-        int created = indexOf(calls, "eglCreateSyncKHR");
-        ASSERT_GE(gl, 0);
-        ASSERT_GE(gl2, 0);
-        ASSERT_GE(destroyed, 0);
-        ASSERT_GE(created, 0);
-        EXPECT_LT(gl2, created);
-        EXPECT_LT(destroyed, created);
-        EXPECT_TRUE(on(calls[gl2], worker));
-        EXPECT_TRUE(on(calls[created], worker));
-        EXPECT_EQ(calls[created].args, (std::vector<uint64_t>{b(kDisplay), EGL_SYNC_FENCE_KHR, 0}));
-        EXPECT_TRUE(on(calls[destroyed], appThread));
-        EXPECT_EQ(calls[destroyed].args, (std::vector<uint64_t>{b(kDisplay), kFenceBase + 1}));
+        EXPECT_EQ(trace({"glActiveTexture", "eglCreateSyncKHR"}),
+                  "worker:glActiveTexture(84c0) worker:glActiveTexture(84c1) worker:eglCreateSyncKHR(D,30f9,0)");
+        EXPECT_EQ(trace({"eglDestroySyncKHR", "eglCreateSyncKHR"}), "app:eglDestroySyncKHR(D,fe01) worker:eglCreateSyncKHR(D,30f9,0)");
         EXPECT_EQ(k->mFrameFence, reinterpret_cast<EGLSyncKHR>(kFenceBase + 2));
-        // The frame's state was reset on the worker.
         EXPECT_EQ(k->mWorker->frameCount(), 0);
         EXPECT_EQ(k->mMemory.mCursor, k->mMemory.mFrameStart);
         EXPECT_GT(k->mMemory.mLastUsed, 0);
         EXPECT_STREQ(k->mWorker->postSync([k] { return k->mWorker->lastName(); }, "lastName"), "swapBuffers");
-        release(app);
-    });
-}
 
-TEST_F(ManagerTest, FencesNeverPileUp) {
-    App app;
-    onThread("app-render", [&] {
-        KAMContext* k = activate(app);
-        ASSERT_EQ(k->mActive, 1);
         fake::reset();
-        for (int i = 0; i < 5; ++i) frame();
-        auto calls = fake::calls();
-        // Each boundary destroys the fence of the previous one before making
-        // its own.
-        std::vector<uint64_t> destroyed;
-        size_t created = 0;
-        for (const fake::Call& c : calls) {
-            if (c.name == "eglDestroySyncKHR") {
-                EXPECT_EQ(destroyed.size(), created);
-                destroyed.push_back(c.args[1]);
-            } else if (c.name == "eglCreateSyncKHR") {
-                ++created;
-            }
-        }
-        EXPECT_EQ(destroyed, (std::vector<uint64_t>{kFenceBase + 1, kFenceBase + 2, kFenceBase + 3, kFenceBase + 4,
-                                                    kFenceBase + 5}));
-        EXPECT_EQ(created, 5u);
-        EXPECT_EQ(k->mFrameFence, reinterpret_cast<EGLSyncKHR>(kFenceBase + 6));
-
-        // A fence the application took is its own to destroy.
-        EXPECT_EQ(kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, nullptr),
-                  reinterpret_cast<EGLSyncKHR>(kFenceBase + 6));
+        for (int i = 0; i < 3; ++i) frame();
+        EXPECT_EQ(trace({"eglDestroySyncKHR", "eglCreateSyncKHR"}),
+                  "app:eglDestroySyncKHR(D,fe02) worker:eglCreateSyncKHR(D,30f9,0) app:eglDestroySyncKHR(D,fe03) "
+                  "worker:eglCreateSyncKHR(D,30f9,0) app:eglDestroySyncKHR(D,fe04) worker:eglCreateSyncKHR(D,30f9,0)");
+        EXPECT_EQ(kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, nullptr), reinterpret_cast<EGLSyncKHR>(kFenceBase + 5));
         fake::reset();
         frame();
-        EXPECT_TRUE(callsNamed("eglDestroySyncKHR").empty());
-        EXPECT_EQ(callsNamed("eglCreateSyncKHR").size(), 1u);
+        EXPECT_EQ(trace({"eglDestroySyncKHR", "eglCreateSyncKHR"}), "worker:eglCreateSyncKHR(D,30f9,0)");
         release(app);
     });
 }
 
-TEST_F(ManagerTest, BoundaryWithoutPermissionRecordOrContextDoesNothing) {
+// Without permission, record or context a boundary does nothing; without
+// offload it only counts.
+TEST_F(ManagerTest, BoundaryWithoutOffloadOnlyCounts) {
     App app;
-    // Offload forbidden while a context is active on the thread.
     onThread("app-render", [&] {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
@@ -650,42 +548,29 @@ TEST_F(ManagerTest, BoundaryWithoutPermissionRecordOrContextDoesNothing) {
         EXPECT_EQ(k->mFrameCount, frames);
         EXPECT_EQ(k->mWorker->frameCount(), posts);
         EXPECT_EQ(k->mActive, 1);
-        EXPECT_TRUE(fake::calls().empty());
         EXPECT_TRUE(support::logLines().empty());
+        EXPECT_EQ(trace(), "");
         release(app);
     });
     fake::reset();
-    support::clearLog();
-    // A thread that never made a context current.
     onThread("no-record", [&] {
         for (int i = 0; i < 12; ++i) frame();
         EXPECT_EQ(__tls, nullptr);
     });
-    // A thread with a record but no context.
-    App offscreen;
+    App offscreen, idle;
     onThread("no-context", [&] {
         manager->makeCurrentPre(offscreen.handle(), &offscreen.pbuffer);
         ASSERT_NE(__tls, nullptr);
-        support::clearLog();
         for (int i = 0; i < 12; ++i) frame();
         EXPECT_EQ(__tls->mContext, nullptr);
-    });
-    EXPECT_TRUE(fake::calls().empty());
-    EXPECT_EQ(support::countLog("fps="), 0);
-}
-
-TEST_F(ManagerTest, BoundaryWithoutOffloadOnlyCounts) {
-    App app;
-    onThread("app-render", [&] {
-        manager->makeCurrentPre(app.handle(), &app.draw);
-        KAMContext* k = app.kam();
-        ASSERT_NE(k, nullptr);
+        manager->makeCurrentPre(idle.handle(), &idle.draw);
+        manager->mNeedMTR.store(false);
         for (int i = 0; i < 25; ++i) frame();
-        EXPECT_EQ(k->mFrameCount, 25u);
-        EXPECT_EQ(k->mFrameFence, EGL_NO_SYNC_KHR);
-        release(app);
+        EXPECT_EQ(idle.kam()->mFrameCount, 25u);
+        EXPECT_EQ(idle.kam()->mFrameFence, EGL_NO_SYNC_KHR);
+        release(idle);
     });
-    EXPECT_TRUE(fake::calls().empty());
+    EXPECT_EQ(trace(), "");
     EXPECT_EQ(support::countLog("fps="), 0);
 }
 
@@ -695,20 +580,15 @@ TEST_F(ManagerTest, StatisticsOncePerClosedPeriod) {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
         support::clearLog();
-        // The period that detection left open continues: it closes at the
-        // ninth boundary after the one that switched offload on.
+        // The period that detection left open closes at the ninth boundary
+        // after the one that switched offload on.
         for (int i = 0; i < 8; ++i) frame();
         EXPECT_EQ(support::countLog("fps="), 0);
-        kam_glActiveTexture_opt(0x84C0);
-        kam_glActiveTexture_opt(0x84C1);
-        kam_glActiveTexture_opt(0x84C2);
+        for (GLenum unit : {0x84C0, 0x84C1, 0x84C2}) kam_glActiveTexture_opt(unit);
         const int32_t used = static_cast<int32_t>(k->mMemory.mCursor - k->mMemory.mFrameStart);
         frame();
         // Frames count from the context's first boundary, before offload.
-        char line[128];
-        snprintf(line, sizeof line, "%s fps=10 frame=41 memory=%d size=3", manager->mName.c_str(), used);
-        EXPECT_EQ(exactLog(line, ANDROID_LOG_DEBUG), 1);
-        EXPECT_EQ(support::countLog("fps="), 1);
+        EXPECT_EQ(support::exactLog(manager->mName + " fps=10 frame=41 memory=" + std::to_string(used) + " size=3", ANDROID_LOG_DEBUG), 1);
         for (int i = 0; i < 9; ++i) frame();
         EXPECT_EQ(support::countLog("fps="), 1);
         frame();
@@ -725,38 +605,22 @@ TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
         sp<KAMThreadLocal> tls = __tls;
-        const pthread_t worker = workerOf(k);
-        const pthread_t appThread = pthread_self();
         const sp<KAMWorker> keptWorker = k->mWorker;
-        const EGLSyncKHR pending = k->mFrameFence;
-        ASSERT_NE(pending, EGL_NO_SYNC_KHR);
         fake::reset();
         support::clearLog();
-
         std::thread([this] { manager->updateMTR(0); }).join();
         frame();
-        EXPECT_EQ(k->mActive, 0);
-        EXPECT_EQ(tls->mActiveContext, nullptr);
+        expectState(k, 0);
         EXPECT_EQ(tls->mContext, k);
         EXPECT_EQ(k->mFrameFence, EGL_NO_SYNC_KHR);
         EXPECT_EQ(k->mWorker, keptWorker);
         EXPECT_TRUE(manager->mWorkerRunning.load());
-        auto calls = fake::calls();
-        auto current = callsNamed("eglMakeCurrent");
-        ASSERT_EQ(current.size(), 3u);
-        // The worker lets go of the real context before the thread takes it.
-        EXPECT_TRUE(on(current[0], worker));
-        EXPECT_EQ(current[0].args, (std::vector<uint64_t>{b(kDisplay), 0, 0, 0}));
-        EXPECT_TRUE(on(current[1], appThread));
-        EXPECT_EQ(current[1].args, (std::vector<uint64_t>{b(kDisplay), 0, 0, 0}));
-        EXPECT_TRUE(on(current[2], appThread));
-        EXPECT_EQ(current[2].args,
-                  (std::vector<uint64_t>{b(kDisplay), b(&app.draw), b(&app.read), b(app.handle())}));
-        auto destroyed = callsNamed("eglDestroySyncKHR");
-        ASSERT_EQ(destroyed.size(), 1u);
-        EXPECT_EQ(destroyed[0].args[1], b(pending));
-        EXPECT_TRUE(callsNamed("eglCreateSyncKHR").empty());
-        EXPECT_EQ(exactLog(format("MTR <app-render> is stopped EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG), 1);
+        // The worker lets go of the real context before the thread takes it;
+        // the pending fence goes, no new one comes.
+        EXPECT_EQ(trace({"eglMakeCurrent", "eglDestroySyncKHR", "eglCreateSyncKHR"}),
+                  "worker:eglMakeCurrent(D,0,0,0) app:eglDestroySyncKHR(D,fe01) app:eglMakeCurrent(D,0,0,0) "
+                  "app:eglMakeCurrent(D,draw,read,ctx)");
+        EXPECT_EQ(support::exactLog(format("MTR <app-render> is stopped EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG), 1);
 
         // Stopped: boundaries only count, and GL goes straight to the driver.
         fake::reset();
@@ -765,30 +629,20 @@ TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
         for (int i = 0; i < 3; ++i) frame();
         EXPECT_EQ(k->mFrameCount, frames + 3);
         EXPECT_EQ(k->mWorker->frameCount(), posts);
-        EXPECT_TRUE(fake::calls().empty());
         kam_glActiveTexture_opt(0x84C5);
-        calls = fake::calls();
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_TRUE(on(calls[0], appThread));
+        EXPECT_EQ(trace(), "app:glActiveTexture(84c5)");
 
         // Back on at the very next boundary, with no new measuring (the clock
         // stands still) and the same worker and placeholder.
         fake::reset();
         manager->updateMTR(1);
         frame(0);
-        EXPECT_EQ(k->mActive, 1);
-        EXPECT_EQ(tls->mActiveContext, k);
+        expectState(k, 1);
         EXPECT_EQ(k->mWorker, keptWorker);
-        current = callsNamed("eglMakeCurrent");
-        ASSERT_EQ(current.size(), 3u);
-        EXPECT_EQ(current[1].args, (std::vector<uint64_t>{b(kDisplay), b(kPlaceholderSurface), b(kPlaceholderSurface),
-                                                           b(kPlaceholderContext)}));
-        EXPECT_TRUE(on(current[2], worker));
-        EXPECT_EQ(current[2].args,
-                  (std::vector<uint64_t>{b(kDisplay), b(&app.draw), b(&app.read), b(app.handle())}));
-        EXPECT_TRUE(callsNamed("eglChooseConfig").empty());
-        EXPECT_EQ(callsNamed("eglCreateSyncKHR").size(), 1u);
-        EXPECT_EQ(support::countLog("KAMWorker started -> app-render"), 1);
+        EXPECT_EQ(trace({"eglMakeCurrent", "eglChooseConfig", "eglCreateSyncKHR"}),
+                  std::string("app:eglMakeCurrent(D,0,0,0) ") + kPlaceholderBinding + " " + kWorkerBinding +
+                      " worker:eglCreateSyncKHR(D,30f9,0)");
+        EXPECT_EQ(support::countLog("KAMWorker started -> app-render", ANDROID_LOG_DEBUG), 1);
         release(app);
     });
     EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
@@ -802,47 +656,38 @@ TEST_F(ManagerTest, ContextDestroyedWhileActiveDetachesTheThread) {
         App app;
         std::promise<void> ready, destroyed;
         std::shared_future<void> destroyedDone = destroyed.get_future().share();
-        pthread_t worker{}, releaser{};
         int tid = 0;
         sp<KAMWorker> keptWorker;
-        std::vector<fake::Call> calls;
+        std::string calls;
         bool workerRunningAfter = true;
-
         auto destroy = [&] {
-            releaser = pthread_self();
+            fake::aliasThread(pthread_self(), "releaser");
             fake::reset();
             support::clearLog();
             app.context.kamContext.clear();
-            calls = fake::calls();
+            calls = trace({"eglDestroyContext", "eglDestroySurface", "eglReleaseThread"});
             workerRunningAfter = keptWorker != nullptr && keptWorker->isRunning();
         };
         std::thread owner([&] {
             prctl(PR_SET_NAME, "app-render", 0, 0, 0);
             KAMContext* k = activate(app);
             tid = gettid();
-            if (k && k->mActive) {
-                worker = workerOf(k);
-                keptWorker = k->mWorker;
-            }
+            if (k && k->mActive) keptWorker = k->mWorker;
             ready.set_value();
-            if (fromOwner) {
+            if (fromOwner)
                 destroy();
-            } else {
+            else
                 destroyedDone.wait();
-            }
             sp<KAMThreadLocal> tls = __tls;
             EXPECT_EQ(tls->mContext, nullptr);
             EXPECT_EQ(tls->mActiveContext, nullptr);
             EXPECT_EQ(tls->mEglContext, nullptr);
-            // The thread passes through from now on, and its boundaries do
-            // nothing.
+            // The thread passes through from now on, and its boundaries do nothing.
+            fake::aliasThread(pthread_self(), "owner");
             fake::reset();
             frame();
             kam_glActiveTexture_opt(0x84C7);
-            auto after = fake::calls();
-            ASSERT_EQ(after.size(), 1u);
-            EXPECT_EQ(after[0].name, "glActiveTexture");
-            EXPECT_TRUE(on(after[0], pthread_self()));
+            EXPECT_EQ(trace(), "owner:glActiveTexture(84c7)");
         });
         ready.get_future().wait();
         if (!fromOwner) {
@@ -851,28 +696,14 @@ TEST_F(ManagerTest, ContextDestroyedWhileActiveDetachesTheThread) {
         }
         owner.join();
         ASSERT_NE(keptWorker, nullptr);
-
-        EXPECT_EQ(exactLog(format("Releasing a EGLContext %p which is attached to [<app-render>,", app.handle()) +
+        EXPECT_EQ(support::exactLog(format("Releasing a EGLContext %p which is attached to [<app-render>,", app.handle()) +
                                std::to_string(tid) + "], may be a fatal error.",
                            ANDROID_LOG_ERROR),
                   1);
-        EXPECT_EQ(exactLog(format("KAMContext is released EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG), 1);
-        // The placeholder goes on the destroying thread, then the worker lets
-        // go of its EGL state and is joined.
-        int ctx = indexOf(calls, "eglDestroyContext");
-        int surface = indexOf(calls, "eglDestroySurface");
-        int released = indexOf(calls, "eglReleaseThread");
-        ASSERT_GE(ctx, 0);
-        ASSERT_GE(surface, 0);
-        ASSERT_GE(released, 0);
-        EXPECT_TRUE(on(calls[ctx], releaser));
-        EXPECT_TRUE(on(calls[surface], releaser));
-        EXPECT_EQ(calls[ctx].args, (std::vector<uint64_t>{b(kDisplay), b(kPlaceholderContext)}));
-        EXPECT_EQ(calls[surface].args, (std::vector<uint64_t>{b(kDisplay), b(kPlaceholderSurface)}));
-        EXPECT_TRUE(on(calls[released], worker));
-        EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
-                                [](const fake::Call& c) { return c.name == "eglReleaseThread"; }),
-                  1);
+        EXPECT_EQ(support::exactLog(format("KAMContext is released EGLContext=%p", app.handle()), ANDROID_LOG_DEBUG), 1);
+        // The placeholder context, then its surface, go on the destroying
+        // thread; then the worker lets go of its EGL state, once, and is joined.
+        EXPECT_EQ(calls, "releaser:eglDestroyContext(D,PC) releaser:eglDestroySurface(D,PS) worker:eglReleaseThread()");
         EXPECT_FALSE(workerRunningAfter);
         EXPECT_FALSE(manager->mWorkerRunning.load());
     }

@@ -83,6 +83,12 @@ int syncPosts() {
     return gTracing.exchange(true) ? gSyncPosts.load() : 0;
 }
 
+int exactLog(const std::string& text, int priority) {
+    int n = 0;
+    for (const LogLine& l : logLines()) n += l.tag == "_V_KAM" && l.text == text && l.priority == priority;
+    return n;
+}
+
 void initLayer() {
     static std::once_flag once;
     std::call_once(once, [] {

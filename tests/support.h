@@ -29,6 +29,8 @@ void clearLog();
 // Lines of the layer's tag whose text contains the fragment, at the given
 // android_LogPriority (any priority when negative).
 int countLog(const std::string& fragment, int priority = -1);
+// Lines of the layer's tag that are exactly the text, at the priority.
+int exactLog(const std::string& text, int priority);
 
 // Synchronous posts so far: each marks a trace section on the posting thread
 // (the first call switches the graphics trace tag on and returns 0). Whether

@@ -2,6 +2,7 @@
 // and detached from offload contexts, and reported when the thread ends.
 
 #include <gtest/gtest.h>
+#include <log/log.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -53,8 +54,12 @@ protected:
     KAMManager* manager = KAMManager::INSTANCE;
 };
 
+// The record is made at the thread's first make-current, attaches idle (the
+// slot points at the interposed table, nothing offloaded), and reports the
+// context it held when the thread ends.
 TEST_F(ThreadLocalTest, FirstMakeCurrentCreatesRecordAndAttachesIdle) {
     FakeRecords r;
+    int tid = 0;
     onThread("renderer", [&] {
         ASSERT_EQ(__tls, nullptr);
         kam_platform_gl_slot = nullptr;
@@ -62,122 +67,67 @@ TEST_F(ThreadLocalTest, FirstMakeCurrentCreatesRecordAndAttachesIdle) {
         sp<KAMThreadLocal> tls = __tls;
         ASSERT_NE(tls, nullptr);
         EXPECT_EQ(tls->mName, "renderer");
-        EXPECT_EQ(tls->mTid, gettid());
+        EXPECT_EQ(tls->mTid, tid = gettid());
         EXPECT_FALSE(tls->mSkip);
         ASSERT_NE(r.context.kamContext, nullptr);
         EXPECT_EQ(tls->mContext, r.context.kamContext.get());
         EXPECT_EQ(tls->mEglContext, &r.context);
-        // Attached but not offloaded: through the layer, passing through.
         EXPECT_EQ(tls->mActiveContext, nullptr);
         EXPECT_EQ(kam_platform_gl_slot, loader->mKamGl);
         EXPECT_EQ(r.context.kamContext->mTls.promote(), tls);
     });
     char expected[128];
     snprintf(expected, sizeof expected, "iniTLS <renderer> skip=0 EGLContext=%p created by creator", &r.context);
+    EXPECT_EQ(support::countLog(expected, ANDROID_LOG_DEBUG), 1);
+    snprintf(expected, sizeof expected, "RenderThread is marked -> name=renderer tid=%d context=%p version=3", tid, &r.context);
+    EXPECT_EQ(support::countLog(expected, ANDROID_LOG_DEBUG), 1);
+    snprintf(expected, sizeof expected, "onThreadReleased:[<renderer>,%d] EGLContext= %p", tid, &r.context);
     EXPECT_EQ(support::countLog(expected), 1);
-    EXPECT_EQ(support::countLog("RenderThread is marked -> name=renderer"), 1);
-    EXPECT_EQ(support::countLog("version=3"), 1);
 }
 
-TEST_F(ThreadLocalTest, SkipRuleMatchesOnlyTheExactNames) {
-    struct Row {
+// Only a window surface on a thread of any name but the platform's two
+// render threads (exactly those) gets an offload context.
+TEST_F(ThreadLocalTest, OnlyWindowSurfacesOfOrdinaryThreadsGetAContext) {
+    const struct {
         const char* name;
-        bool skip;
-    } rows[] = {{"RenderThread", true}, {"Chrome_InProcGp", true}, {"RenderThread2", false},
-                {"renderthread", false}, {"Chrome_InProcG", false}, {"main", false}};
-    for (const Row& row : rows) {
+        bool window, skip;
+    } rows[] = {{"RenderThread", true, true},   {"Chrome_InProcGp", true, true}, {"RenderThread2", true, false},
+                {"renderthread", true, false},  {"Chrome_InProcG", true, false}, {"main", true, false},
+                {"pbuffer-only", false, false}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         FakeRecords r;
         onThread(row.name, [&] {
-            manager->makeCurrentPre(&r.context, &r.window);
+            manager->makeCurrentPre(&r.context, row.window ? &r.window : &r.pbuffer);
+            if (!row.window) manager->makeCurrentPre(&r.context, nullptr);
             ASSERT_NE(__tls, nullptr);
             EXPECT_EQ(__tls->mSkip, row.skip);
-            EXPECT_EQ(r.context.kamContext == nullptr, row.skip);
+            EXPECT_EQ(r.context.kamContext == nullptr, row.skip || !row.window);
+            EXPECT_EQ(__tls->mContext, r.context.kamContext.get());
         });
     }
 }
 
-TEST_F(ThreadLocalTest, OnlyWindowSurfacesGetAContext) {
-    FakeRecords r;
-    onThread("pbuffer-only", [&] {
-        manager->makeCurrentPre(&r.context, &r.pbuffer);
-        EXPECT_EQ(r.context.kamContext, nullptr);
-        manager->makeCurrentPre(&r.context, nullptr);
-        EXPECT_EQ(r.context.kamContext, nullptr);
-        EXPECT_NE(__tls, nullptr);
-        EXPECT_EQ(__tls->mContext, nullptr);
-    });
-}
-
-TEST_F(ThreadLocalTest, DetachingADetachedRecordTouchesNothing) {
-    FakeRecords r;
-    onThread("detached", [&] {
-        manager->makeCurrentPre(&r.context, &r.pbuffer);  // a record, no context
-        void* marker = reinterpret_cast<void*>(0xABC);
-        kam_platform_gl_slot = marker;
-        __tls->attachContext(nullptr);
-        EXPECT_EQ(kam_platform_gl_slot, marker);
-    });
-}
-
+// Detaching points the slot at the no-context table and unlinks both sides,
+// unless there was nothing to detach or the context was re-pointed already.
 TEST_F(ThreadLocalTest, DetachPointsTheSlotAtTheNoContextTable) {
-    FakeRecords r;
-    onThread("detach", [&] {
-        manager->makeCurrentPre(&r.context, &r.window);
-        KAMContext* ctx = __tls->mContext;
-        ASSERT_NE(ctx, nullptr);
-        __tls->attachContext(nullptr);
-        EXPECT_EQ(kam_platform_gl_slot, support::noContextTable);
-        EXPECT_EQ(__tls->mContext, nullptr);
-        EXPECT_EQ(__tls->mEglContext, nullptr);
-        EXPECT_EQ(__tls->mActiveContext, nullptr);
-        EXPECT_EQ(ctx->mTls.unsafe_get(), nullptr);
-    });
-}
-
-TEST_F(ThreadLocalTest, DetachAfterTheLinkWasTakenLeavesTheSlot) {
-    FakeRecords r;
-    onThread("relinked", [&] {
-        manager->makeCurrentPre(&r.context, &r.window);
-        KAMContext* ctx = __tls->mContext;
-        ctx->mTls.clear();  // someone else re-pointed the context already
-        void* marker = reinterpret_cast<void*>(0xDEF);
-        kam_platform_gl_slot = marker;
-        __tls->attachContext(nullptr);
-        EXPECT_EQ(kam_platform_gl_slot, marker);
-        EXPECT_EQ(__tls->mContext, nullptr);
-    });
-}
-
-TEST_F(ThreadLocalTest, AttachToAnActiveContextSetsTheActivePointer) {
-    FakeRecords r;
-    onThread("active", [&] {
-        manager->makeCurrentPre(&r.context, &r.window);
-        KAMContext* ctx = __tls->mContext;
-        __tls->attachContext(nullptr);
-        ctx->mActive = 1;
-        __tls->attachContext(ctx);
-        EXPECT_EQ(__tls->mActiveContext, ctx);
-        ctx->mActive = 0;
-        __tls->attachContext(nullptr);
-    });
-}
-
-TEST_F(ThreadLocalTest, ThreadExitReportsTheContextItHeld) {
-    FakeRecords r;
-    int tid = 0;
-    onThread("exiting", [&] {
-        manager->makeCurrentPre(&r.context, &r.window);
-        tid = gettid();
-    });
-    char expected[128];
-    snprintf(expected, sizeof expected, "onThreadReleased:[<exiting>,%d] EGLContext= %p", tid, &r.context);
-    EXPECT_EQ(support::countLog(expected), 1);
-}
-
-TEST_F(ThreadLocalTest, ThreadWithoutMakeCurrentHasNoRecord) {
-    onThread("never", [&] { EXPECT_EQ(__tls, nullptr); });
-    EXPECT_EQ(support::countLog("onThreadReleased:[<never>"), 0);
+    for (int row = 0; row < 3; ++row) {
+        SCOPED_TRACE(row);
+        FakeRecords r;
+        onThread("detach", [&] {
+            manager->makeCurrentPre(&r.context, row == 0 ? &r.pbuffer : &r.window);
+            KAMContext* ctx = __tls->mContext;
+            if (row == 2) ctx->mTls.clear();
+            void* marker = reinterpret_cast<void*>(0xABC);
+            kam_platform_gl_slot = marker;
+            __tls->attachContext(nullptr);
+            EXPECT_EQ(kam_platform_gl_slot, row == 1 ? static_cast<void*>(support::noContextTable) : marker);
+            EXPECT_EQ(__tls->mContext, nullptr);
+            EXPECT_EQ(__tls->mEglContext, nullptr);
+            EXPECT_EQ(__tls->mActiveContext, nullptr);
+            if (ctx) { EXPECT_EQ(ctx->mTls.unsafe_get(), nullptr); }
+        });
+    }
 }
 
 }  // namespace
