@@ -15,9 +15,9 @@ std::map<std::string, Handler> gHandlers;
 
 void setRecording(bool on) { gRecording.store(on, std::memory_order_relaxed); }
 
-uint64_t record(const char* name, std::initializer_list<uint64_t> args) {
+uint64_t record(const char* name, std::initializer_list<uint64_t> args, bool egl) {
     if (!gRecording.load(std::memory_order_relaxed)) return gResult.load(std::memory_order_relaxed);
-    Call call{name, args, pthread_self()};
+    Call call{name, args, pthread_self(), egl};
     Handler handler;
     uint64_t value;
     {

@@ -25,6 +25,7 @@ struct Call {
     std::string name;
     std::vector<uint64_t> args;
     pthread_t thread;
+    bool egl = false;  // came through the EGL table
 };
 
 // Tables in the platform's order (the order of kam_platform_*_names).
@@ -33,7 +34,7 @@ extern void* eglTable[kEglTableSize];
 
 // Logs the call and returns what the entry answers: the handler's value when
 // a handler is set for the name, else the common result.
-uint64_t record(const char* name, std::initializer_list<uint64_t> args);
+uint64_t record(const char* name, std::initializer_list<uint64_t> args, bool egl = false);
 // A handler sees the call (arguments as bit patterns: pointers can be written
 // through) and returns the entry's result bits. Handlers run on the calling
 // thread, outside the log's lock.

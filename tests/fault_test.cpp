@@ -268,7 +268,7 @@ TEST_F(OffloadFaultTest, RealMappingThatFailsIsReportedAtUnmap) {
         EXPECT_TRUE(pthread_equal(unmaps.back().thread, worker));
         kam_glDeleteBuffers_opt(1, &row.buffer);
         ctx.frameBoundary();
-        EXPECT_EQ(support::countLog("Delete a mapped buffer"), row.atBoundary ? 1 : 0);
+        EXPECT_EQ(support::countLog("Delete a mapped buffer", ANDROID_LOG_ERROR), row.atBoundary ? 1 : 0);
         if (row.atBoundary) {
             EXPECT_EQ(exactLog(row.atBoundary, ANDROID_LOG_ERROR), 1);
         }

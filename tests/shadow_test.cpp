@@ -15,6 +15,7 @@
 #include "call_cases.h"
 #include "kam_wrappers.h"
 #include "recording/Record.h"
+#include "runtime/KAMLog.h"
 #include "runtime/KAMThreadLocal.h"
 #include "shadow/Bindings.h"
 #include "shadow/ClientArray.h"
@@ -331,7 +332,7 @@ TEST_F(BindingsTest, DeletionWaitsForReferencesUntilTheFrameBoundary) {
         EXPECT_EQ(bindings().pendingFree.size(), referenced ? 1u : 0u);
         ctx.frameBoundary();
         EXPECT_TRUE(bindings().pendingFree.empty());
-        EXPECT_EQ(support::countLog("Delete a mapped buffer=9 bufSize=64 refs=1"), referenced ? 1 : 0);
+        EXPECT_EQ(support::countLog("Delete a mapped buffer=9 bufSize=64 refs=1", ANDROID_LOG_ERROR), referenced ? 1 : 0);
     }
 }
 
