@@ -86,12 +86,7 @@ const cases::Case* findCase(const std::string& name) {
     return nullptr;
 }
 
-std::vector<fake::Call> callsNamed(const std::string& name) {
-    std::vector<fake::Call> out;
-    for (const fake::Call& c : fake::calls())
-        if (c.name == name) out.push_back(c);
-    return out;
-}
+std::vector<fake::Call> callsNamed(const std::string& name) { return fake::named(fake::calls(), name); }
 
 template <class T>
 uint64_t b(T v) {

@@ -45,6 +45,13 @@ std::vector<Call> calls() {
     return gCalls;
 }
 
+std::vector<Call> named(const std::vector<Call>& from, const std::string& name) {
+    std::vector<Call> out;
+    for (const Call& c : from)
+        if (c.name == name) out.push_back(c);
+    return out;
+}
+
 void reset() {
     std::lock_guard<std::mutex> guard(gLock);
     gCalls.clear();

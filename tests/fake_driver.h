@@ -44,6 +44,7 @@ void clearHandlers();
 // Benchmarks switch recording off: entries then only return.
 void setRecording(bool on);
 std::vector<Call> calls();
+std::vector<Call> named(const std::vector<Call>& from, const std::string& name);
 void reset();
 // What every fake entry returns, converted to its result type.
 void setResult(uint64_t value);
