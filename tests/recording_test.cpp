@@ -32,18 +32,6 @@ protected:
         worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
     }
     bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
-    // Calls as the wrapper returned, and once the worker has replayed all.
-    struct Seen {
-        std::vector<fake::Call> atReturn, after;
-    };
-    template <class F>
-    Seen run(F&& call) {
-        fake::reset();
-        call();
-        Seen s{fake::calls(), {}};
-        ctx.drain();
-        return s.after = fake::calls(), s;
-    }
     support::ActiveContext ctx;
     pthread_t worker{};
 };
@@ -74,7 +62,7 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
         fake::setResult(0x600 + k);
         cases::Outcome out;
         const auto* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
-        Seen s = run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
+        auto s = ctx.run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
         if (!c.isVoid) { EXPECT_EQ(out.result, out.expected); }
         ASSERT_EQ(s.after.size(), 1u);
         const fake::Call& call = s.after[0];
@@ -133,7 +121,7 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
                     Pointer ptr{kind, nullptr};
                     cases::BadArgs args{count, e, pointer, &ptr};
                     cases::BadCall call;
-                    Seen s = run([&] { bc.run(args, call); });
+                    auto s = ctx.run([&] { bc.run(args, call); });
                     if (call.skipped) continue;
                     ++ran;
                     ASSERT_EQ(s.after.size(), 1u);

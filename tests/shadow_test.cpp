@@ -103,20 +103,6 @@ protected:
             if (pthread_equal(c.thread, t)) out.push_back(c);
         return out;
     }
-    // Calls made before the wrapper returned, and all once replayed (copies
-    // stay in the arena until the frame boundary).
-    struct Seen {
-        std::vector<fake::Call> atReturn, all;
-    };
-    template <class F>
-    Seen run(F&& call) {
-        ctx.drain();
-        fake::reset();
-        call();
-        Seen s{fake::calls(), {}};
-        ctx.drain();
-        return s.all = fake::calls(), s;
-    }
     static std::vector<uint8_t> at(uint64_t p, size_t n) { return std::vector<uint8_t>(fake::fromBits<const uint8_t*>(p), fake::fromBits<const uint8_t*>(p) + n); }
     int left(int type) { return GLCaches::getSize(ctx.get()->mCaches.mPools[type], GLCaches::kPoolSize); }
 
@@ -454,7 +440,7 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
             kam_glVertexAttribPointer_opt(2, std::get<0>(bad), std::get<1>(bad), GL_FALSE, std::get<2>(bad), Guarded(0).data());
         (tc.restart ? kam_glEnable_opt : kam_glDisable_opt)(GL_PRIMITIVE_RESTART_FIXED_INDEX);
         const GLsizei count = static_cast<GLsizei>(tc.indices.size());
-        Seen s = run([&] {
+        auto s = ctx.run([&] {
             if (!tc.indexType) kam_glDrawArrays_opt(GL_TRIANGLES, 2, GLsizei(tc.vertices));
             if (tc.range) kam_glDrawRangeElements_opt(GL_TRIANGLES, 0, 3, count, tc.indexType, idx.data());
             if (tc.indexType && !tc.range) kam_glDrawElements_opt(GL_TRIANGLES, count, tc.indexType, idx.data());
@@ -463,12 +449,12 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
             std::fill(idx.begin(), idx.end(), 0);
         });
         EXPECT_TRUE(s.atReturn.empty());
-        ASSERT_EQ(s.all.size(), 2u);
-        const std::vector<uint64_t>& attrib = s.all[0].args;
+        ASSERT_EQ(s.after.size(), 2u);
+        const std::vector<uint64_t>& attrib = s.after[0].args;
         EXPECT_EQ(std::vector<uint64_t>(attrib.begin(), attrib.end() - 1), (std::vector<uint64_t>{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0}));
         EXPECT_EQ(at(attrib[5] + first * elem, packed.size()), packed) << "vertex first where the pointer says";
-        EXPECT_EQ(s.all[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
-        if (tc.indexType) { EXPECT_EQ(at(s.all[1].args[tc.range ? 5 : 3], original.size()), original); }
+        EXPECT_EQ(s.after[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
+        if (tc.indexType) { EXPECT_EQ(at(s.after[1].args[tc.range ? 5 : 3], original.size()), original); }
         kam_glVertexAttribPointer_opt(2, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
         ctx.frameBoundary();
     }
@@ -493,15 +479,15 @@ TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
         kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, tc.elementBuffer ? 40 : 0);
         if (tc.disable) kam_glDisableVertexAttribArray_opt(3);
         if (tc.offsetPointer) kam_glVertexAttribPointer_opt(3, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
-        Seen s = run([&] {
+        auto s = ctx.run([&] {
             for (int k = 0; k < 2; ++k) kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);
         });
-        ASSERT_EQ(s.all.size(), tc.waits ? 3u : 2u) << "the pointers are given back once, not per draw";
+        ASSERT_EQ(s.after.size(), tc.waits ? 3u : 2u) << "the pointers are given back once, not per draw";
         EXPECT_EQ(s.atReturn.size(), tc.waits ? 3u : 0u);
-        if (tc.waits) { EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())})); }
-        EXPECT_EQ(s.all.back().name, "glDrawElements");
-        EXPECT_EQ(s.all.back().args[3] == fake::bits(idx), tc.waits);
-        EXPECT_EQ(at(s.all.back().args[3], 6), at(fake::bits(idx), 6));
+        if (tc.waits) { EXPECT_EQ(s.after[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())})); }
+        EXPECT_EQ(s.after.back().name, "glDrawElements");
+        EXPECT_EQ(s.after.back().args[3] == fake::bits(idx), tc.waits);
+        EXPECT_EQ(at(s.after.back().args[3], 6), at(fake::bits(idx), 6));
         ctx.get()->mClientArrays = true;
         kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
         kam_glEnableVertexAttribArray_opt(3);
@@ -519,10 +505,10 @@ TEST_F(ClientArrayTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
     kam_glDrawElements_opt(GL_POINTS, 2, GL_UNSIGNED_INT, indices);
     // 0x40000001 indices of 4 bytes: 4 bytes wrapped; no vertex copy, which would read them all first.
     ctx.get()->mClientArrays = false;
-    Seen s = run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
-    for (const fake::Call& c : s.all)
+    auto s = ctx.run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
+    for (const fake::Call& c : s.after)
         if (c.name == "glVertexAttribPointer") { EXPECT_EQ(c.args[5], fake::bits(vertices)); }
-    EXPECT_EQ(s.all.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
+    EXPECT_EQ(s.after.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
 }
 
 constexpr GLenum kBgra = 0x80E1, kHalfOes = 0x8D61, k8888Rev = 0x8367, kEtc2 = 0x9278;

@@ -50,6 +50,17 @@ public:
     void drain();
     // The frame task's per-frame reset, on the worker.
     void frameBoundary();
+    // Driver calls made before the wrapper returned, and all once replayed.
+    struct Seen {
+        std::vector<fake::Call> atReturn, after;
+    };
+    template <class F>
+    Seen run(F&& call) {
+        drain(), fake::reset(), call();
+        Seen s{fake::calls(), {}};
+        drain();
+        return s.after = fake::calls(), s;
+    }
     android::PlatformContextRecord record{};
 
 private:
