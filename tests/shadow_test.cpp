@@ -146,23 +146,18 @@ TEST_F(BindingsTest, EveryDrawSeesWhatItsMappingsWrote) {
     const GLbitfield W = GL_MAP_WRITE_BIT, X = W | GL_MAP_FLUSH_EXPLICIT_BIT, U = W | GL_MAP_UNSYNCHRONIZED_BIT;
     const GLenum A = GL_ARRAY_BUFFER, UB = GL_UNIFORM_BUFFER;
     const std::vector<MapStep> cases[] = {
-        {{A, 1, 0, 16, 32, W, {}, {}}},
-        {{A, 2, 0, 16, 32, W | GL_MAP_INVALIDATE_RANGE_BIT, {}, {}}},
-        {{A, 3, 0, 16, 32, X, {{0, 16}}, {}}},
-        {{A, 4, 0, 16, 32, X, {{0, 4}, {8, 4}}, {}}},
-        {{A, 5, 0, 16, 32, X, {{0, 32}}, {}}},
-        {{A, 6, 0, 16, 32, X, {}, {}}},
-        {{A, 7, 0, 16, 32, X, {{20, 20}}, {{0, 32}}, 1}},
-        {{A, 8, 0, 16, 32, X, {{0, 4}, {30, 4}}, {{0, 4}}, 1}},
-        {{A, 9, 0, 16, 32, X, {{-4, 8}}, {{0, 32}}, 1}},
-        {{A, 10, 0, 16, 32, W, {{0, 4}}, {{0, 32}}, 1}},
+        {{A, 1, 0, 16, 32, W, {}, {}}}, {{A, 2, 0, 16, 32, W | GL_MAP_INVALIDATE_RANGE_BIT, {}, {}}},
+        {{A, 3, 0, 16, 32, X, {{0, 16}}, {}}}, {{A, 4, 0, 16, 32, X, {{0, 4}, {8, 4}}, {}}},
+        {{A, 5, 0, 16, 32, X, {{0, 32}}, {}}}, {{A, 6, 0, 16, 32, X, {}, {}}},
+        {{A, 7, 0, 16, 32, X, {{20, 20}}, {{0, 32}}, 1}}, {{A, 8, 0, 16, 32, X, {{0, 4}, {30, 4}}, {{0, 4}}, 1}},
+        {{A, 9, 0, 16, 32, X, {{-4, 8}}, {{0, 32}}, 1}}, {{A, 10, 0, 16, 32, W, {{0, 4}}, {{0, 32}}, 1}},
         {{A, 11, 0, 0, 64, W, {}, {}}, {A, 11, 0, 40, 8, W, {}, {}}},
         {{A, 12, 0, 0, 64, W, {}, {}}, {A, 12, 0, 0, 64, W | GL_MAP_INVALIDATE_BUFFER_BIT, {}, {}}},
         {{UB, 13, 1, 0, 64, W, {}, {}}, {UB, 14, 1, 0, 64, W, {}, {}}},
         {{A, 15, 0, 0, 16, U, {}, {}}, {A, 15, 0, 16, 16, U, {}, {}}, {A, 15, 0, 32, 16, U, {}, {}}},
         {{A, 16, 0, 0, 64, X, {{0, 8}}, {}}, {A, 16, 0, 0, 64, X, {{8, 8}}, {}}},
         {{GL_TRANSFORM_FEEDBACK_BUFFER, 17, 2, 0, 64, W, {}, {}}, {GL_SHADER_STORAGE_BUFFER, 18, 2, 0, 64, W, {}, {}},
-         {GL_ATOMIC_COUNTER_BUFFER, 19, 1, 0, 64, W, {}, {}}, {UB, 20, 2, 16, 32, W, {}, {}}},
+        {GL_ATOMIC_COUNTER_BUFFER, 19, 1, 0, 64, W, {}, {}}, {UB, 20, 2, 16, 32, W, {}, {}}},
     };
     uint8_t fill = 0;
     for (const auto& steps : cases) {
@@ -407,21 +402,13 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         size_t vertices;
         bool restart = false, range = false;
     } cases[] = {
-        {3, GL_FLOAT, 20, US, {0, 2, 1}, 3},
-        {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
-        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true},
-        {2, UB, 7, UB, {4, 1}, 5},
-        {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3},
-        {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
-        {2, GL_SHORT, 0, UI, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4},
-        {3, GL_FLOAT, 20, US, {0, 0, 0}, 1},
-        {1, GL_FLOAT, 8, UI, {0, 1, 2, 3, 6}, 7},
-        {2, GL_FIXED, 12, US, {0, 2, 1}, 3},
-        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true},
-        {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true},
-        {1, UB, 0, UB, {0xFF, 1}, 256},
-        {3, GL_FLOAT, 20, 0, {}, 3},
-        {2, GL_FIXED, 12, 0, {}, 3},
+        {3, GL_FLOAT, 20, US, {0, 2, 1}, 3}, {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
+        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true}, {2, UB, 7, UB, {4, 1}, 5},
+        {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3}, {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
+        {2, GL_SHORT, 0, UI, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4}, {3, GL_FLOAT, 20, US, {0, 0, 0}, 1},
+        {1, GL_FLOAT, 8, UI, {0, 1, 2, 3, 6}, 7}, {2, GL_FIXED, 12, US, {0, 2, 1}, 3},
+        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true}, {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true},
+        {1, UB, 0, UB, {0xFF, 1}, 256}, {3, GL_FLOAT, 20, 0, {}, 3}, {2, GL_FIXED, 12, 0, {}, 3},
     };
     for (const auto& tc : cases) {
         SCOPED_TRACE(::testing::Message() << tc.attribType << " stride " << tc.stride << " vertices " << tc.vertices);
