@@ -574,24 +574,26 @@ def gen_fake_driver(gl, egl):
     """Origin tables for tests: every entry records its name, arguments and
     calling thread, and returns a value the test chose."""
     out = [HEADER, '#include "fake_driver.h"', "", "namespace fake {", "namespace {", ""]
+    # A name in both tables gets an entry per table, so a call through the
+    # wrong table shows in Call::egl.
+    gl_names = {e.name for e in gl}
     seen = set()
-    for e in gl + egl:
-        if e.name in seen:
+    for e, prefix, via_egl in [(e, "fake_", False) for e in gl] + [
+            (e, "fake_egl_" if e.name in gl_names else "fake_", True) for e in egl]:
+        if prefix + e.name in seen:
             continue
-        seen.add(e.name)
-        out.append("%s {" % e.decl("fake_" + e.name))
+        seen.add(prefix + e.name)
+        out.append("%s {" % e.decl(prefix + e.name))
         arglist = ", ".join("bits(%s)" % p.name for p in e.params)
-        if e.void:
-            out.append('    record("%s", {%s});' % (e.name, arglist))
-        else:
-            out.append('    return fromBits<%s>(record("%s", {%s}));' % (e.ret, e.name, arglist))
+        call = 'record("%s", {%s}%s)' % (e.name, arglist, ", true" if via_egl else "")
+        out.append("    %s;" % call if e.void else "    return fromBits<%s>(%s);" % (e.ret, call))
         out.append("}")
     out += ["", "}  // namespace", ""]
     out.append("void* glTable[kGlTableSize] = {")
     out += ["    reinterpret_cast<void*>(&fake_%s)," % e.name for e in gl]
     out.append("};")
     out.append("void* eglTable[kEglTableSize] = {")
-    out += ["    reinterpret_cast<void*>(&fake_%s)," % e.name for e in egl]
+    out += ["    reinterpret_cast<void*>(&fake_%s%s)," % ("egl_" if e.name in gl_names else "", e.name) for e in egl]
     out.append("};")
     out.append("}  // namespace fake")
     return "\n".join(out) + "\n"

@@ -33,7 +33,7 @@ std::string trace(std::initializer_list<const char*> names) {
         std::string who = "?";
         for (const auto& t : gThreads)
             if (pthread_equal(t.first, c.thread)) who = t.second;
-        out += (out.empty() ? "" : " ") + who + ":" + c.name + "(";
+        out += (out.empty() ? "" : " ") + who + ":" + (c.egl && c.name.compare(0, 2, "gl") == 0 ? "egl." : "") + c.name + "(";
         for (size_t i = 0; i < c.args.size(); ++i) {
             char hex[24];
             snprintf(hex, sizeof hex, "%llx", static_cast<unsigned long long>(c.args[i]));
@@ -47,9 +47,9 @@ std::string trace(std::initializer_list<const char*> names) {
 
 void setRecording(bool on) { gRecording.store(on, std::memory_order_relaxed); }
 
-uint64_t record(const char* name, std::initializer_list<uint64_t> args) {
+uint64_t record(const char* name, std::initializer_list<uint64_t> args, bool egl) {
     if (!gRecording.load(std::memory_order_relaxed)) return gResult.load(std::memory_order_relaxed);
-    Call call{name, args, pthread_self()};
+    Call call{name, args, pthread_self(), egl};
     Handler handler;
     uint64_t value;
     {
@@ -75,6 +75,13 @@ void clearHandlers() {
 std::vector<Call> calls() {
     std::lock_guard<std::mutex> guard(gLock);
     return gCalls;
+}
+
+std::vector<Call> named(const std::vector<Call>& from, const std::string& name) {
+    std::vector<Call> out;
+    for (const Call& c : from)
+        if (c.name == name) out.push_back(c);
+    return out;
 }
 
 void reset() {

@@ -25,6 +25,7 @@ struct Call {
     std::string name;
     std::vector<uint64_t> args;
     pthread_t thread;
+    bool egl = false;  // came through the EGL table
 };
 
 // Tables in the platform's order (the order of kam_platform_*_names).
@@ -33,7 +34,7 @@ extern void* eglTable[kEglTableSize];
 
 // Logs the call and returns what the entry answers: the handler's value when
 // a handler is set for the name, else the common result.
-uint64_t record(const char* name, std::initializer_list<uint64_t> args);
+uint64_t record(const char* name, std::initializer_list<uint64_t> args, bool egl = false);
 // A handler sees the call (arguments as bit patterns: pointers can be written
 // through) and returns the entry's result bits. Handlers run on the calling
 // thread, outside the log's lock.
@@ -43,8 +44,10 @@ void clearHandlers();
 // Benchmarks switch recording off: entries then only return.
 void setRecording(bool on);
 std::vector<Call> calls();
+std::vector<Call> named(const std::vector<Call>& from, const std::string& name);
 void reset();
-// The calls of the given names (all when empty) as "thread:name(args)",
+// The calls of the given names (all when empty) as "thread:name(args)"
+// ("egl.name" through the EGL table's own GL entries),
 // space-separated; threads and argument values print as named by alias(),
 // others in hex. Order, thread and arguments in one comparison.
 std::string trace(std::initializer_list<const char*> names = {});

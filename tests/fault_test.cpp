@@ -60,19 +60,7 @@ constexpr size_t kArenaBlock = 0x2000000;
 uint32_t gNowMs = 0;
 uint32_t fakeClock() { return gNowMs; }
 
-int exactLog(const std::string& text, int priority) {
-    int n = 0;
-    for (const support::LogLine& l : support::logLines())
-        if (l.tag == "_V_KAM" && l.text == text && l.priority == priority) ++n;
-    return n;
-}
-
-std::vector<fake::Call> callsNamed(const std::vector<fake::Call>& calls, const std::string& name) {
-    std::vector<fake::Call> out;
-    for (const fake::Call& c : calls)
-        if (c.name == name) out.push_back(c);
-    return out;
-}
+using fake::named;
 
 // ---------------------------------------- placeholder objects and the arena
 
@@ -146,13 +134,8 @@ private:
 TEST_F(StartFaultTest, OffloadStaysOffAndCallsPassThrough) {
     const char* const kMessages[] = {"eglChooseConfig failed", "eglCreatePbufferSurface failed",
                                      "eglCreateContext failed"};
-    struct Row {
-        const char* name;
-        const char* failing;  // driver entry that fails, or null
-        const char* message;  // the one error logged, or null
-        bool pbufferTried, surfaceMade, contextMade;
-        size_t memalignFailsFrom;
-    } rows[] = {
+    // failing: the driver entry that fails; message: the one error logged (or null).
+    struct Row { const char* name; const char* failing; const char* message; bool pbufferTried, surfaceMade, contextMade; size_t memalignFailsFrom; } rows[] = {
         // A true result is needed as well as the one config.
         {"config query fails", "eglChooseConfig", "eglChooseConfig failed", false, false, false, SIZE_MAX},
         {"no pbuffer", "eglCreatePbufferSurface", "eglCreatePbufferSurface failed", true, false, false, SIZE_MAX},
@@ -190,18 +173,18 @@ TEST_F(StartFaultTest, OffloadStaysOffAndCallsPassThrough) {
         }).join();
 
         for (const char* m : kMessages)
-            EXPECT_EQ(exactLog(m, ANDROID_LOG_ERROR), row.message && strcmp(m, row.message) == 0 ? 1 : 0) << m;
-        EXPECT_TRUE(callsNamed(running, "eglMakeCurrent").empty()) << "nobody was made current";
-        EXPECT_EQ(callsNamed(running, "eglChooseConfig").size(), 1u);
-        EXPECT_EQ(callsNamed(running, "eglCreatePbufferSurface").size(), row.pbufferTried ? 1u : 0u);
-        auto gl = callsNamed(running, "glActiveTexture");
+            EXPECT_EQ(support::countLog(m, ANDROID_LOG_ERROR), row.message && strcmp(m, row.message) == 0 ? 1 : 0) << m;
+        EXPECT_TRUE(named(running, "eglMakeCurrent").empty()) << "nobody was made current";
+        EXPECT_EQ(named(running, "eglChooseConfig").size(), 1u);
+        EXPECT_EQ(named(running, "eglCreatePbufferSurface").size(), row.pbufferTried ? 1u : 0u);
+        auto gl = named(running, "glActiveTexture");
         ASSERT_EQ(gl.size(), 1u);
         EXPECT_TRUE(pthread_equal(gl[0].thread, appThread)) << "the GL call ran on the application thread";
         // Whatever was made is destroyed with the context, and the worker
         // lets go of its EGL state before it is joined.
-        EXPECT_EQ(callsNamed(destroying, "eglDestroySurface").size(), row.surfaceMade ? 1u : 0u);
-        EXPECT_EQ(callsNamed(destroying, "eglDestroyContext").size(), row.contextMade ? 1u : 0u);
-        auto released = callsNamed(destroying, "eglReleaseThread");
+        EXPECT_EQ(named(destroying, "eglDestroySurface").size(), row.surfaceMade ? 1u : 0u);
+        EXPECT_EQ(named(destroying, "eglDestroyContext").size(), row.contextMade ? 1u : 0u);
+        auto released = named(destroying, "eglReleaseThread");
         ASSERT_EQ(released.size(), 1u);
         EXPECT_TRUE(pthread_equal(released[0].thread, worker));
         EXPECT_FALSE(manager->mWorkerRunning.load()) << "another context may be offloaded now";
@@ -215,14 +198,8 @@ class OffloadFaultTest : public ::testing::Test {
 protected:
     void SetUp() override {
         fake::clearHandlers();
-        fake::setHandler("glGetBufferParameteriv", [](const fake::Call& c) -> uint64_t {
-            *reinterpret_cast<GLint*>(c.args[2]) = 4096;
-            return 0;
-        });
-        fake::setHandler("glGetBufferParameteri64v", [](const fake::Call& c) -> uint64_t {
-            *reinterpret_cast<GLint64*>(c.args[2]) = 4096;
-            return 0;
-        });
+        fake::setHandler("glGetBufferParameteriv", [](const fake::Call& c) { return *fake::fromBits<GLint*>(c.args[2]) = 4096, 0; });
+        fake::setHandler("glGetBufferParameteri64v", [](const fake::Call& c) { return *fake::fromBits<GLint64*>(c.args[2]) = 4096, 0; });
         fake::setHandler("glMapBufferRange", [](const fake::Call&) -> uint64_t { return 0; });
         fake::setHandler("glUnmapBuffer", [](const fake::Call&) -> uint64_t { return GL_FALSE; });
         fake::reset();
@@ -239,13 +216,7 @@ protected:
 // nowhere to go, which the unmap reports. A flush that found no mapping keeps
 // its reference, so the deleted buffer waits for the frame boundary.
 TEST_F(OffloadFaultTest, RealMappingThatFailsIsReportedAtUnmap) {
-    struct Row {
-        const char* name;
-        GLbitfield access;
-        bool flush;
-        GLuint buffer;
-        const char* atBoundary;
-    } rows[] = {
+    struct Row { const char* name; GLbitfield access; bool flush; GLuint buffer; const char* atBoundary; } rows[] = {
         {"write", GL_MAP_WRITE_BIT, false, 41, nullptr},
         {"explicit flush", GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT, true, 42,
          "Delete a mapped buffer=42 bufSize=64 refs=1"},
@@ -260,18 +231,16 @@ TEST_F(OffloadFaultTest, RealMappingThatFailsIsReportedAtUnmap) {
         if (row.flush) kam_glFlushMappedBufferRange_opt(GL_ARRAY_BUFFER, 0, 16);
         EXPECT_EQ(kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER), GL_TRUE);
         ctx.drain();
-        EXPECT_EQ(exactLog("glUnmapBuffer error target=0x8892 addr=(nil) buffer=" + std::to_string(row.buffer),
+        EXPECT_EQ(support::countLog("glUnmapBuffer error target=0x8892 addr=(nil) buffer=" + std::to_string(row.buffer),
                            ANDROID_LOG_ERROR),
                   1);
-        auto unmaps = callsNamed(fake::calls(), "glUnmapBuffer");
+        auto unmaps = named(fake::calls(), "glUnmapBuffer");
         ASSERT_FALSE(unmaps.empty()) << "the driver still hears the unmap";
         EXPECT_TRUE(pthread_equal(unmaps.back().thread, worker));
         kam_glDeleteBuffers_opt(1, &row.buffer);
         ctx.frameBoundary();
-        EXPECT_EQ(support::countLog("Delete a mapped buffer"), row.atBoundary ? 1 : 0);
-        if (row.atBoundary) {
-            EXPECT_EQ(exactLog(row.atBoundary, ANDROID_LOG_ERROR), 1);
-        }
+        EXPECT_EQ(support::countLog(row.atBoundary ? row.atBoundary : "Delete a mapped buffer", ANDROID_LOG_ERROR),
+                  row.atBoundary ? 1 : 0);
         fake::reset();
     }
 }
@@ -283,24 +252,15 @@ TEST_F(OffloadFaultTest, CopiesThatFindNoMemoryWaitForTheDriver) {
     fake::setHandler("glMapBufferRange", [](const fake::Call&) -> uint64_t { return 0x7000; });
     const size_t huge = kArenaBlock + 4096;  // larger than the whole arena
     std::vector<uint8_t> data(huge, 0x11);
-    struct Row {
-        const char* name;
-        size_t failsFrom;
-        const char* call;
-        std::function<void()> run;
-        int pointerArg;  // the argument that must be the caller's own pointer, or -1
-    } rows[] = {
+    // pointerArg: the argument that must be the caller's own pointer, or -1.
+    struct Row { const char* name; size_t failsFrom; const char* call; std::function<void()> run; int pointerArg; } rows[] = {
         {"buffer data", kArenaBlock, "glBufferData",
          [&] { kam_glBufferData_opt(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(huge), data.data(), GL_STATIC_DRAW); },
          2},
         {"buffer sub-data", kArenaBlock, "glBufferSubData",
          [&] { kam_glBufferSubData_opt(GL_ARRAY_BUFFER, 0, static_cast<GLsizeiptr>(huge), data.data()); }, 3},
         {"shadow block", 1, "glMapBufferRange",
-         [&] {
-             EXPECT_EQ(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 16, GL_MAP_WRITE_BIT),
-                       reinterpret_cast<void*>(0x7000));
-         },
-         -1},
+         [&] { EXPECT_EQ(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 16, GL_MAP_WRITE_BIT), (void*)0x7000); }, -1},
     };
     GLuint name = 50;
     for (const Row& row : rows) {
@@ -308,11 +268,8 @@ TEST_F(OffloadFaultTest, CopiesThatFindNoMemoryWaitForTheDriver) {
         kam_glBindBuffer_opt(GL_ARRAY_BUFFER, ++name);
         ctx.drain();
         fake::reset();
-        {
-            MemalignFails fails(row.failsFrom);
-            row.run();
-        }
-        auto calls = callsNamed(fake::calls(), row.call);  // before any drain: it already ran
+        MemalignFails(row.failsFrom), row.run();
+        auto calls = named(fake::calls(), row.call);  // before any drain: it already ran
         ASSERT_EQ(calls.size(), 1u);
         EXPECT_TRUE(pthread_equal(calls[0].thread, worker));
         if (row.pointerArg >= 0) {

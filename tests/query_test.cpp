@@ -1,16 +1,15 @@
-// Queries on an offloaded thread: answered from the context record, on the
-// calling thread, on the worker, or by the error probe.
+// Queries: answered from the context record, on the calling thread, on the
+// worker, or by the error probe.
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
+#include <functional>
+#include <thread>
 
 #include "kam_wrappers.h"
 #include "runtime/KAMLog.h"
+#include "runtime/KAMThreadLocal.h"
 #include "support.h"
-
-using namespace android;
 
 namespace {
 
@@ -23,80 +22,74 @@ protected:
         fake::reset();
         support::clearLog();
     }
-    void TearDown() override { fake::clearHandlers(); }
-
     bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
+    // Runs one query and checks its single driver call: table, thread.
+    void expectOne(const char* name, const std::function<void()>& query, bool egl, bool worker) {
+        fake::reset();
+        query();
+        auto calls = fake::calls();
+        ASSERT_EQ(calls.size(), 1u) << name << " answered before returning";
+        EXPECT_EQ(calls[0].name, name);
+        EXPECT_EQ(calls[0].egl, egl) << name << (egl ? " must use the EGL table" : " must use the GL table");
+        EXPECT_EQ(onWorker(calls[0]), worker) << name;
+    }
 
     support::ActiveContext ctx;  // the record lists two extensions
     pthread_t worker{};
 };
 
-TEST_F(QueryTest, ExtensionCountComesFromTheRecordWithoutAGlCall) {
-    GLint i = -1;
-    GLboolean b = GL_FALSE;
-    GLfloat f = -1;
-    GLint64 l = -1;
+TEST_F(QueryTest, ExtensionsComeFromTheRecordWithoutAGlCall) {
+    GLint i = -1; GLboolean b = GL_FALSE; GLfloat f = -1; GLint64 l = -1;
     kam_glGetIntegerv_opt(GL_NUM_EXTENSIONS, &i);
     kam_glGetBooleanv_opt(GL_NUM_EXTENSIONS, &b);
     kam_glGetFloatv_opt(GL_NUM_EXTENSIONS, &f);
+    ctx.get()->mActive = 0;  // attached but idle: still the record
     kam_glGetInteger64v_opt(GL_NUM_EXTENSIONS, &l);
-    ctx.drain();
-    EXPECT_EQ(i, 2);
-    EXPECT_EQ(b, GL_TRUE);
-    EXPECT_EQ(f, 2.0f);
-    EXPECT_EQ(l, 2);
-    EXPECT_TRUE(fake::calls().empty());
-
-    ctx.record.extensionList.clear();
-    kam_glGetBooleanv_opt(GL_NUM_EXTENSIONS, &b);
-    EXPECT_EQ(b, GL_FALSE);
-}
-
-TEST_F(QueryTest, SharedValuesAreReadOnTheCallingThreadOthersOnTheWorker) {
-    struct Row {
-        GLenum pname;
-        bool callingThread;
-    } rows[] = {{GL_SAMPLES, true}, {GL_MAX_ARRAY_TEXTURE_LAYERS, true}, {GL_VIEWPORT, false},
-                {GL_UNPACK_ALIGNMENT, false}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.pname);
-        fake::reset();
-        GLint v[4] = {};
-        kam_glGetIntegerv_opt(row.pname, v);
-        auto calls = fake::calls();
-        ASSERT_EQ(calls.size(), 1u) << "answered before returning";
-        EXPECT_EQ(calls[0].name, "glGetIntegerv");
-        EXPECT_EQ(pthread_equal(calls[0].thread, pthread_self()) != 0, row.callingThread);
-        EXPECT_EQ(onWorker(calls[0]), !row.callingThread);
-        EXPECT_EQ(calls[0].args[1], reinterpret_cast<uintptr_t>(v));
-    }
-}
-
-TEST_F(QueryTest, AttachedButIdleContextQueriesTheCallingThread) {
-    ctx.get()->mActive = 0;
-    GLint v = 0;
-    kam_glGetIntegerv_opt(GL_VIEWPORT, &v);
-    kam_glGetIntegerv_opt(GL_NUM_EXTENSIONS, &v);
     ctx.get()->mActive = 1;
-    auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_TRUE(pthread_equal(calls[0].thread, pthread_self()));
-    EXPECT_EQ(v, 2);
-}
-
-TEST_F(QueryTest, ExtensionStringsComeFromTheRecord) {
+    ctx.drain();
+    EXPECT_TRUE(i == 2 && b == GL_TRUE && f == 2.0f && l == 2) << i << " " << int(b) << " " << f << " " << l;
     EXPECT_STREQ(reinterpret_cast<const char*>(kam_glGetString_opt(GL_EXTENSIONS)), "GL_OES_test_one GL_EXT_test_two");
     EXPECT_STREQ(reinterpret_cast<const char*>(kam_glGetStringi_opt(GL_EXTENSIONS, 1)), "GL_EXT_test_two");
     EXPECT_EQ(kam_glGetStringi_opt(GL_EXTENSIONS, 2), nullptr);  // index equal to the count
     EXPECT_EQ(kam_glGetStringi_opt(GL_EXTENSIONS, 0xFFFFFFFFu), nullptr);
     EXPECT_TRUE(fake::calls().empty());
+    ctx.record.extensionList.clear();
+    kam_glGetBooleanv_opt(GL_NUM_EXTENSIONS, &b);
+    EXPECT_EQ(b, GL_FALSE);
+}
 
-    static const char renderer[] = "fake renderer";
+// The driver's entries for these names differ between the EGL and GL tables.
+TEST_F(QueryTest, EachQueryUsesItsTableOnItsThread) {
+    static GLint64 buf[4];
+#define KAM_STATE_ROW(N, T) {#N, [] { kam_##N##_opt(GL_VIEWPORT, (T*)buf); }, [] { kam_##N(GL_VIEWPORT, (T*)buf); }}
+    struct Row { const char* name; std::function<void()> opt, plain; } rows[] = {KAM_STATE_ROW(glGetBooleanv, GLboolean), KAM_STATE_ROW(glGetFloatv, GLfloat),
+                KAM_STATE_ROW(glGetIntegerv, GLint), KAM_STATE_ROW(glGetInteger64v, GLint64),
+                {"glGetString", [] { kam_glGetString_opt(GL_RENDERER); }, [] { kam_glGetString(GL_RENDERER); }},
+                {"glGetStringi", [] { kam_glGetStringi_opt(GL_VENDOR, 0); }, [] { kam_glGetStringi(GL_VENDOR, 0); }}};
+    static const char renderer[] = "fake renderer";  // the worker's answer reaches the caller
     fake::setResult(reinterpret_cast<uintptr_t>(renderer));
     EXPECT_EQ(reinterpret_cast<const char*>(kam_glGetString_opt(GL_RENDERER)), renderer);
-    auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_TRUE(onWorker(calls[0]));
+    for (const Row& r : rows) {
+        expectOne(r.name, r.opt, false, true);
+        expectOne(r.name, r.plain, true, true);
+        ctx.get()->mActive = 0, android::gThreadRecord->mActiveContext = nullptr;  // attached, idle
+        expectOne(r.name, r.opt, false, false);
+        expectOne(r.name, r.plain, true, false);
+        ctx.get()->mActive = 1, android::gThreadRecord->mActiveContext = ctx.get();
+        std::thread([&] {  // no context at all
+            expectOne(r.name, r.opt, true, false);
+            expectOne(r.name, r.plain, true, false);
+        }).join();
+    }
+}
+
+TEST_F(QueryTest, SharedValuesAreReadOnTheCallingThreadOthersOnTheWorker) {
+    for (GLenum pname : {GL_SAMPLES, GL_MAX_ARRAY_TEXTURE_LAYERS, GL_VIEWPORT, GL_UNPACK_ALIGNMENT}) {
+        GLint v[4] = {};
+        bool shared = pname == GL_SAMPLES || pname == GL_MAX_ARRAY_TEXTURE_LAYERS;
+        expectOne("glGetIntegerv", [&] { kam_glGetIntegerv_opt(pname, v); }, false, !shared);
+        EXPECT_EQ(fake::calls()[0].args[1], reinterpret_cast<uintptr_t>(v));
+    }
 }
 
 TEST_F(QueryTest, ErrorProbeReturnsTheCallersErrorAndLogsTheWorkersOnce) {
@@ -106,39 +99,12 @@ TEST_F(QueryTest, ErrorProbeReturnsTheCallersErrorAndLogsTheWorkersOnce) {
     kam_glUniform1f_opt(4, 1.0f);
     EXPECT_EQ(kam_glGetError_opt(), static_cast<GLenum>(GL_INVALID_ENUM));
     ctx.drain();
-    auto lines = support::logLines();
-    int found = 0;
-    for (const auto& l : lines) {
-        if (l.text == "glUniform1f glGetError=0x502") {
-            ++found;
-            EXPECT_EQ(l.priority, ANDROID_LOG_ERROR);
-        }
-    }
-    EXPECT_EQ(found, 1);
-    // Nothing is logged when the worker's context has no error.
-    fake::clearHandlers();
+    EXPECT_EQ(support::countLog("glUniform1f glGetError=0x502", ANDROID_LOG_ERROR), 1);
+    fake::clearHandlers();  // no error on the worker: nothing logged
     support::clearLog();
     kam_glGetError_opt();
     ctx.drain();
     EXPECT_EQ(support::countLog("glGetError="), 0);
-}
-
-TEST_F(QueryTest, OriginOnlyQueriesStayOnTheCallingThread) {
-    kam_glGetProgramiv(1, GL_LINK_STATUS, nullptr);
-    kam_glGetUniformLocation(1, "u");
-    kam_glGetShaderiv(1, GL_COMPILE_STATUS, nullptr);
-    auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 3u);
-    for (const auto& c : calls) EXPECT_TRUE(pthread_equal(c.thread, pthread_self())) << c.name;
-}
-
-TEST_F(QueryTest, IndexedEnableQueriesWaitForTheWorker) {
-    fake::setResult(GL_TRUE);
-    EXPECT_EQ(kam_glIsEnablediEXT_opt(GL_BLEND, 1), GL_TRUE);
-    EXPECT_EQ(kam_glIsEnabledi(GL_BLEND, 2), GL_TRUE);
-    auto calls = fake::calls();
-    ASSERT_EQ(calls.size(), 2u);
-    for (const auto& c : calls) EXPECT_TRUE(onWorker(c)) << c.name;
 }
 
 }  // namespace

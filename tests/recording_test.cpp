@@ -32,24 +32,6 @@ protected:
         worker = ctx.worker()->postSync([] { return pthread_self(); }, "whoami");
     }
     bool onWorker(const fake::Call& c) const { return pthread_equal(c.thread, worker) != 0; }
-    // Calls as the wrapper returned; how often it waited for the driver (its
-    // synchronous posts and its calls on the calling thread); the calls once
-    // the worker has replayed all.
-    struct Seen {
-        std::vector<fake::Call> atReturn;
-        int syncs;
-        std::vector<fake::Call> after;
-    };
-    template <class F>
-    Seen run(F&& call) {
-        fake::reset();
-        const int before = support::syncPosts();
-        call();
-        Seen s{fake::calls(), support::syncPosts() - before, {}};
-        for (const fake::Call& c : s.atReturn) s.syncs += pthread_equal(c.thread, pthread_self()) != 0;
-        ctx.drain();
-        return s.after = fake::calls(), s;
-    }
     support::ActiveContext ctx;
     pthread_t worker{};
 };
@@ -80,7 +62,7 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
         fake::setResult(0x600 + k);
         cases::Outcome out;
         const auto* start = reinterpret_cast<const uint8_t*>(align8(reinterpret_cast<uintptr_t>(mem.mCursor)));
-        Seen s = run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
+        auto s = ctx.run([&] { c.call(KAMLoader::getInstance()->mKamGl[k], out); });
         if (!c.isVoid) { EXPECT_EQ(out.result, out.expected); }
         ASSERT_EQ(s.after.size(), 1u);
         const fake::Call& call = s.after[0];
@@ -89,7 +71,7 @@ TEST_F(RecordingTest, EveryGlNameIsServedByItsKind) {
         EXPECT_EQ(call.name, kind == "bounds" ? name.substr(0, name.size() - 6) : name);
         const bool copies = kind == "copy" && out.copyBytes >= 1;
         if (kind == "recorded" || copies) {
-            EXPECT_EQ(s.syncs, 0);
+            EXPECT_EQ(s.waits, 0);
             EXPECT_TRUE(onWorker(call));
             if (copies) {
                 EXPECT_EQ(call.args[out.copyArg], fake::bits(start));
@@ -139,12 +121,12 @@ TEST_F(RecordingTest, CopyingWrappersTakeHostileArguments) {
                     Pointer ptr{kind, nullptr};
                     cases::BadArgs args{count, e, pointer, &ptr};
                     cases::BadCall call;
-                    Seen s = run([&] { bc.run(args, call); });
+                    auto s = ctx.run([&] { bc.run(args, call); });
                     if (call.skipped) continue;
                     ++ran;
                     ASSERT_EQ(s.after.size(), 1u);
                     const bool copied = kind == 0 && call.ruleBytes >= 1;
-                    if (kind == 0 || kind == 3) { EXPECT_EQ(s.syncs, copied ? 0 : 1); }
+                    if (kind == 0 || kind == 3) { EXPECT_EQ(s.waits, copied ? 0 : 1); }
                     std::vector<uint64_t> got = s.after[0].args;
                     if (copied) { EXPECT_EQ(memcmp(fake::fromBits<const void*>(got[call.pointerArg]), ptr.memory->data(), size_t(call.ruleBytes)), 0); }
                     if (copied) got[call.pointerArg] = call.args[call.pointerArg];

@@ -15,6 +15,7 @@
 #include "call_cases.h"
 #include "kam_wrappers.h"
 #include "recording/Record.h"
+#include "runtime/KAMLog.h"
 #include "runtime/KAMThreadLocal.h"
 #include "shadow/Bindings.h"
 #include "shadow/ClientArray.h"
@@ -102,24 +103,6 @@ protected:
             if (pthread_equal(c.thread, t)) out.push_back(c);
         return out;
     }
-    // Calls made before the wrapper returned, and all once replayed (copies
-    // stay in the arena until the frame boundary).
-    struct Seen {
-        std::vector<fake::Call> atReturn;
-        int syncs;
-        std::vector<fake::Call> all;
-    };
-    template <class F>
-    Seen run(F&& call) {
-        ctx.drain();
-        fake::reset();
-        const int before = support::syncPosts();
-        call();
-        Seen s{fake::calls(), support::syncPosts() - before, {}};
-        for (const fake::Call& c : s.atReturn) s.syncs += pthread_equal(c.thread, pthread_self()) != 0;
-        ctx.drain();
-        return s.all = fake::calls(), s;
-    }
     static std::vector<uint8_t> at(uint64_t p, size_t n) { return std::vector<uint8_t>(fake::fromBits<const uint8_t*>(p), fake::fromBits<const uint8_t*>(p) + n); }
     int left(int type) { return GLCaches::getSize(ctx.get()->mCaches.mPools[type], GLCaches::kPoolSize); }
 
@@ -163,23 +146,18 @@ TEST_F(BindingsTest, EveryDrawSeesWhatItsMappingsWrote) {
     const GLbitfield W = GL_MAP_WRITE_BIT, X = W | GL_MAP_FLUSH_EXPLICIT_BIT, U = W | GL_MAP_UNSYNCHRONIZED_BIT;
     const GLenum A = GL_ARRAY_BUFFER, UB = GL_UNIFORM_BUFFER;
     const std::vector<MapStep> cases[] = {
-        {{A, 1, 0, 16, 32, W, {}, {}}},
-        {{A, 2, 0, 16, 32, W | GL_MAP_INVALIDATE_RANGE_BIT, {}, {}}},
-        {{A, 3, 0, 16, 32, X, {{0, 16}}, {}}},
-        {{A, 4, 0, 16, 32, X, {{0, 4}, {8, 4}}, {}}},
-        {{A, 5, 0, 16, 32, X, {{0, 32}}, {}}},
-        {{A, 6, 0, 16, 32, X, {}, {}}},
-        {{A, 7, 0, 16, 32, X, {{20, 20}}, {{0, 32}}, 1}},
-        {{A, 8, 0, 16, 32, X, {{0, 4}, {30, 4}}, {{0, 4}}, 1}},
-        {{A, 9, 0, 16, 32, X, {{-4, 8}}, {{0, 32}}, 1}},
-        {{A, 10, 0, 16, 32, W, {{0, 4}}, {{0, 32}}, 1}},
+        {{A, 1, 0, 16, 32, W, {}, {}}}, {{A, 2, 0, 16, 32, W | GL_MAP_INVALIDATE_RANGE_BIT, {}, {}}},
+        {{A, 3, 0, 16, 32, X, {{0, 16}}, {}}}, {{A, 4, 0, 16, 32, X, {{0, 4}, {8, 4}}, {}}},
+        {{A, 5, 0, 16, 32, X, {{0, 32}}, {}}}, {{A, 6, 0, 16, 32, X, {}, {}}},
+        {{A, 7, 0, 16, 32, X, {{20, 20}}, {{0, 32}}, 1}}, {{A, 8, 0, 16, 32, X, {{0, 4}, {30, 4}}, {{0, 4}}, 1}},
+        {{A, 9, 0, 16, 32, X, {{-4, 8}}, {{0, 32}}, 1}}, {{A, 10, 0, 16, 32, W, {{0, 4}}, {{0, 32}}, 1}},
         {{A, 11, 0, 0, 64, W, {}, {}}, {A, 11, 0, 40, 8, W, {}, {}}},
         {{A, 12, 0, 0, 64, W, {}, {}}, {A, 12, 0, 0, 64, W | GL_MAP_INVALIDATE_BUFFER_BIT, {}, {}}},
         {{UB, 13, 1, 0, 64, W, {}, {}}, {UB, 14, 1, 0, 64, W, {}, {}}},
         {{A, 15, 0, 0, 16, U, {}, {}}, {A, 15, 0, 16, 16, U, {}, {}}, {A, 15, 0, 32, 16, U, {}, {}}},
         {{A, 16, 0, 0, 64, X, {{0, 8}}, {}}, {A, 16, 0, 0, 64, X, {{8, 8}}, {}}},
         {{GL_TRANSFORM_FEEDBACK_BUFFER, 17, 2, 0, 64, W, {}, {}}, {GL_SHADER_STORAGE_BUFFER, 18, 2, 0, 64, W, {}, {}},
-         {GL_ATOMIC_COUNTER_BUFFER, 19, 1, 0, 64, W, {}, {}}, {UB, 20, 2, 16, 32, W, {}, {}}},
+        {GL_ATOMIC_COUNTER_BUFFER, 19, 1, 0, 64, W, {}, {}}, {UB, 20, 2, 16, 32, W, {}, {}}},
     };
     uint8_t fill = 0;
     for (const auto& steps : cases) {
@@ -335,7 +313,7 @@ TEST_F(BindingsTest, DeletionWaitsForReferencesUntilTheFrameBoundary) {
         EXPECT_EQ(bindings().pendingFree.size(), referenced ? 1u : 0u);
         ctx.frameBoundary();
         EXPECT_TRUE(bindings().pendingFree.empty());
-        EXPECT_EQ(support::countLog("Delete a mapped buffer=9 bufSize=64 refs=1"), referenced ? 1 : 0);
+        EXPECT_EQ(support::countLog("Delete a mapped buffer=9 bufSize=64 refs=1", ANDROID_LOG_ERROR), referenced ? 1 : 0);
     }
 }
 
@@ -424,21 +402,13 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         size_t vertices;
         bool restart = false, range = false;
     } cases[] = {
-        {3, GL_FLOAT, 20, US, {0, 2, 1}, 3},
-        {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
-        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true},
-        {2, UB, 7, UB, {4, 1}, 5},
-        {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3},
-        {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
-        {2, GL_SHORT, 0, UI, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4},
-        {3, GL_FLOAT, 20, US, {0, 0, 0}, 1},
-        {1, GL_FLOAT, 8, UI, {0, 1, 2, 3, 6}, 7},
-        {2, GL_FIXED, 12, US, {0, 2, 1}, 3},
-        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true},
-        {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true},
-        {1, UB, 0, UB, {0xFF, 1}, 256},
-        {3, GL_FLOAT, 20, 0, {}, 3},
-        {2, GL_FIXED, 12, 0, {}, 3},
+        {3, GL_FLOAT, 20, US, {0, 2, 1}, 3}, {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
+        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true}, {2, UB, 7, UB, {4, 1}, 5},
+        {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3}, {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
+        {2, GL_SHORT, 0, UI, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4}, {3, GL_FLOAT, 20, US, {0, 0, 0}, 1},
+        {1, GL_FLOAT, 8, UI, {0, 1, 2, 3, 6}, 7}, {2, GL_FIXED, 12, US, {0, 2, 1}, 3},
+        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true}, {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true},
+        {1, UB, 0, UB, {0xFF, 1}, 256}, {3, GL_FLOAT, 20, 0, {}, 3}, {2, GL_FIXED, 12, 0, {}, 3},
     };
     for (const auto& tc : cases) {
         SCOPED_TRACE(::testing::Message() << tc.attribType << " stride " << tc.stride << " vertices " << tc.vertices);
@@ -457,7 +427,7 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
             kam_glVertexAttribPointer_opt(2, std::get<0>(bad), std::get<1>(bad), GL_FALSE, std::get<2>(bad), Guarded(0).data());
         (tc.restart ? kam_glEnable_opt : kam_glDisable_opt)(GL_PRIMITIVE_RESTART_FIXED_INDEX);
         const GLsizei count = static_cast<GLsizei>(tc.indices.size());
-        Seen s = run([&] {
+        auto s = ctx.run([&] {
             if (!tc.indexType) kam_glDrawArrays_opt(GL_TRIANGLES, 2, GLsizei(tc.vertices));
             if (tc.range) kam_glDrawRangeElements_opt(GL_TRIANGLES, 0, 3, count, tc.indexType, idx.data());
             if (tc.indexType && !tc.range) kam_glDrawElements_opt(GL_TRIANGLES, count, tc.indexType, idx.data());
@@ -465,13 +435,13 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
             memset(data.data(), 0, size_t(bytes));
             std::fill(idx.begin(), idx.end(), 0);
         });
-        EXPECT_EQ(s.syncs, 0);
-        ASSERT_EQ(s.all.size(), 2u);
-        const std::vector<uint64_t>& attrib = s.all[0].args;
+        EXPECT_EQ(s.waits, 0);
+        ASSERT_EQ(s.after.size(), 2u);
+        const std::vector<uint64_t>& attrib = s.after[0].args;
         EXPECT_EQ(std::vector<uint64_t>(attrib.begin(), attrib.end() - 1), (std::vector<uint64_t>{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0}));
         EXPECT_EQ(at(attrib[5] + first * elem, packed.size()), packed) << "vertex first where the pointer says";
-        EXPECT_EQ(s.all[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
-        if (tc.indexType) { EXPECT_EQ(at(s.all[1].args[tc.range ? 5 : 3], original.size()), original); }
+        EXPECT_EQ(s.after[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
+        if (tc.indexType) { EXPECT_EQ(at(s.after[1].args[tc.range ? 5 : 3], original.size()), original); }
         kam_glVertexAttribPointer_opt(2, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
         ctx.frameBoundary();
     }
@@ -496,16 +466,16 @@ TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
         kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, tc.elementBuffer ? 40 : 0);
         if (tc.disable) kam_glDisableVertexAttribArray_opt(3);
         if (tc.offsetPointer) kam_glVertexAttribPointer_opt(3, 3, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));
-        Seen s = run([&] {
+        auto s = ctx.run([&] {
             for (int k = 0; k < 2; ++k) kam_glDrawElements_opt(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, idx);
         });
-        ASSERT_EQ(s.all.size(), tc.waits ? 3u : 2u) << "the pointers are given back once, not per draw";
-        EXPECT_EQ(s.syncs, tc.waits ? 2 : 0);
+        ASSERT_EQ(s.after.size(), tc.waits ? 3u : 2u) << "the pointers are given back once, not per draw";
+        EXPECT_EQ(s.waits, tc.waits ? 2 : 0);
         if (tc.waits) { EXPECT_EQ(s.atReturn.size(), 3u); }
-        if (tc.waits) { EXPECT_EQ(s.all[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())})); }
-        EXPECT_EQ(s.all.back().name, "glDrawElements");
-        EXPECT_EQ(s.all.back().args[3] == fake::bits(idx), tc.waits);
-        EXPECT_EQ(at(s.all.back().args[3], 6), at(fake::bits(idx), 6));
+        if (tc.waits) { EXPECT_EQ(s.after[0].args, (std::vector<uint64_t>{3, 3, GL_FLOAT, GL_FALSE, 0, fake::bits(data.data())})); }
+        EXPECT_EQ(s.after.back().name, "glDrawElements");
+        EXPECT_EQ(s.after.back().args[3] == fake::bits(idx), tc.waits);
+        EXPECT_EQ(at(s.after.back().args[3], 6), at(fake::bits(idx), 6));
         ctx.get()->mClientArrays = true;
         kam_glBindBuffer_opt(GL_ELEMENT_ARRAY_BUFFER, 0);
         kam_glEnableVertexAttribArray_opt(3);
@@ -523,10 +493,10 @@ TEST_F(ClientArrayTest, CopiesTooLargeForSizeTKeepTheApplicationPointer) {
     kam_glDrawElements_opt(GL_POINTS, 2, GL_UNSIGNED_INT, indices);
     // 0x40000001 indices of 4 bytes: 4 bytes wrapped; no vertex copy, which would read them all first.
     ctx.get()->mClientArrays = false;
-    Seen s = run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
-    for (const fake::Call& c : s.all)
+    auto s = ctx.run([&] { kam_glDrawElements_opt(GL_POINTS, 0x40000001, GL_UNSIGNED_INT, indices); });
+    for (const fake::Call& c : s.after)
         if (c.name == "glVertexAttribPointer") { EXPECT_EQ(c.args[5], fake::bits(vertices)); }
-    EXPECT_EQ(s.all.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
+    EXPECT_EQ(s.after.back().args, (std::vector<uint64_t>{GL_POINTS, 0x40000001, GL_UNSIGNED_INT, fake::bits(indices)}));
 }
 
 constexpr GLenum kBgra = 0x80E1, kHalfOes = 0x8D61, k8888Rev = 0x8367, kEtc2 = 0x9278;
@@ -649,13 +619,13 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
                 fake::reset();
                 const int before = support::syncPosts();
                 u.upload(r.w, r.h, r.d, r.format, r.type, p);
-                const int syncs = support::syncPosts() - before;
+                const int waits = support::syncPosts() - before;
                 ctx.drain();
                 ASSERT_EQ(fake::calls().size(), 1u);
                 const void* got = fake::fromBits<const void*>(fake::calls()[0].args.back());
                 ctx.frameBoundary();
                 const bool copied = kind == 0 && bytes >= 1 && u.dims, client = kind == 0 || kind == 3;
-                EXPECT_EQ(syncs, client && !copied ? 1 : 0) << "waits when unsized or reading";
+                EXPECT_EQ(waits, client && !copied ? 1 : 0) << "waits when unsized or reading";
                 EXPECT_EQ(got == p, !copied);
                 if (copied) { EXPECT_EQ(memcmp(got, p, static_cast<size_t>(bytes)), 0); }
             }

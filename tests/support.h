@@ -57,6 +57,24 @@ public:
     void drain();
     // The frame task's per-frame reset, on the worker.
     void frameBoundary();
+    // Driver calls made before the wrapper returned; how often it waited for
+    // the driver (synchronous posts, calls on the calling thread), whatever a
+    // worker that is awake replayed meanwhile; all calls once replayed.
+    struct Seen {
+        std::vector<fake::Call> atReturn;
+        int waits;
+        std::vector<fake::Call> after;
+    };
+    template <class F>
+    Seen run(F&& call) {
+        drain(), fake::reset();
+        const int before = syncPosts();
+        call();
+        Seen s{fake::calls(), syncPosts() - before, {}};
+        for (const fake::Call& c : s.atReturn) s.waits += pthread_equal(c.thread, pthread_self()) != 0;
+        drain();
+        return s.after = fake::calls(), s;
+    }
     android::PlatformContextRecord record{};
 
 private:
