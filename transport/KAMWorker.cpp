@@ -76,14 +76,16 @@ void KAMWorker::wakeIfSleeping() {
         sem_post(&mWakeSem);
 }
 
+// The worker runs and frees a foreign item as soon as it sees it, so the
+// item is named for the trace before it is handed over.
 void KAMWorker::postForeign(uintptr_t link, bool sync) {
+    if (sync) traceSync(untag(link));
     {
         std::lock_guard<std::mutex> guard(mForeignLock);
         mForeign.push_back(link);
         mForeignCount.store(static_cast<int32_t>(mForeign.size()), std::memory_order_release);
     }
     mFrameCount.fetch_add(1, std::memory_order_relaxed);
-    if (sync) traceSync(untag(link));
     wakeIfSleeping();
 }
 
