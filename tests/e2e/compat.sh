@@ -9,7 +9,7 @@
 set -uo pipefail
 row=$1 build=$(cd "$2" && pwd)
 # Images of the root window: a private server, whatever DISPLAY says.
-[[ -n "${KAM_COMPAT_XVFB:-}" ]] || KAM_COMPAT_XVFB=1 exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
+[[ -n "${KAM_COMPAT_XVFB:-}" ]] || KAM_COMPAT_XVFB=1 exec xvfb-run -a -n $((100 + RANDOM % 900)) -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
 
 OFFLOADED=30   # frames through the worker before the compared one
 FRAMES=300     # frames recorded for a replay

@@ -3,7 +3,8 @@
 # (a private Xvfb without a display).   run.sh TEST BUILD_DIR
 set -uo pipefail
 test_name=$1 build=$(cd "$2" && pwd)
-[[ -n "${DISPLAY:-}" ]] || exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
+# A random first display number: tests started side by side would otherwise race for the same free one.
+[[ -n "${DISPLAY:-}" ]] || exec xvfb-run -a -n $((100 + RANDOM % 900)) -s "-screen 0 1280x1024x24 -nolisten tcp" bash "$0" "$@"
 
 kam_run="$build/kam-run" app="$build/kam-e2e-app"
 out=$(mktemp -d)
