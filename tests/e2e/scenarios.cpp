@@ -659,7 +659,9 @@ int main(int argc, char **argv) {
     if (!gWhy.empty()) std::fprintf(stderr, "kam-e2e-app: %s\n", gWhy.c_str());
     teardown_platform(&gP), std::fflush(stdout);
     int records[2] = {0, 0};
-    if (auto counts = reinterpret_cast<void (*)(int *, int *)>(dlsym(RTLD_DEFAULT, "kam_platform_record_counts"))) counts(&records[0], &records[1]);
+    // Filled with -1 first: a count the platform does not write shows.
+    if (auto counts = reinterpret_cast<void (*)(int *, int *)>(dlsym(RTLD_DEFAULT, "kam_platform_record_counts")))
+        records[0] = records[1] = -1, counts(&records[0], &records[1]);
     const std::string why = gOffloaded && !o.lifecycle ? check_log(0, -1, {}, {}) : "";
     if (!why.empty()) std::fprintf(stderr, "kam-e2e-app: %s\n", why.c_str());
     std::fprintf(stderr, "kam-e2e-app: threads_left=%ld egl_records=%d\n", status("Threads:") - threads_before, records[0] + records[1]);
