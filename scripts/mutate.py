@@ -170,10 +170,13 @@ def main():
             if rc != 0:
                 verdict = "not viable"
             else:
-                rc, _ = run(tests, args.timeout)
+                rc, out = run(tests, args.timeout)
                 if rc == 0 and args.e2e:
-                    rc, _ = run(["ctest", "-L", "e2e", "-R", args.e2e, "--stop-on-failure"], args.timeout * 4, cwd=build)
+                    rc, out = run(["ctest", "-L", "e2e", "-R", args.e2e, "--stop-on-failure"], args.timeout * 4, cwd=build)
                 verdict = "survived" if rc == 0 else "killed"
+                # Which tests killed it: the ones that catch nothing are the first to question.
+                killers = sorted(set(re.findall(r"\[  FAILED  \] ([\w/]+\.[\w/]+)", out) +
+                                     re.findall(r"\d+ - (\S+) \((?:Failed|Timeout)", out)))
         finally:
             with open(path, "w") as f:
                 f.write(original)
@@ -182,7 +185,8 @@ def main():
         if verdict == "survived":
             with open(os.path.join(root, rel)) as f:
                 survivors.append("%s:%d %s: %s" % (rel, i + 1, kind, f.read().split("\n")[i].strip()))
-        print("[%d/%d %4.0fs] %-9s %s:%d %s" % (n, len(sample), time.time() - t0, verdict, rel, i + 1, kind), flush=True)
+        print("[%d/%d %4.0fs] %-9s %s:%d %s%s" % (n, len(sample), time.time() - t0, verdict, rel, i + 1, kind,
+                                                 " by " + " ".join(killers) if verdict == "killed" else ""), flush=True)
     # Leave the copy built as the sources are, for the next run's incremental build.
     run(["cmake", "--build", build, "-j", jobs], 900)
 

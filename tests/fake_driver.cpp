@@ -24,7 +24,7 @@ void aliasThread(pthread_t thread, const std::string& name) {
 }
 void clearAliases() { gAliases.clear(), gThreads.clear(); }
 
-std::string trace(std::initializer_list<const char*> names) {
+std::string trace(std::initializer_list<const char*> names, bool withArgs) {
     std::string out;
     for (const Call& c : calls()) {
         bool wanted = names.size() == 0;
@@ -33,7 +33,9 @@ std::string trace(std::initializer_list<const char*> names) {
         std::string who = "?";
         for (const auto& t : gThreads)
             if (pthread_equal(t.first, c.thread)) who = t.second;
-        out += (out.empty() ? "" : " ") + who + ":" + (c.egl && c.name.compare(0, 2, "gl") == 0 ? "egl." : "") + c.name + "(";
+        out += (out.empty() ? "" : " ") + who + ":" + (c.egl && c.name.compare(0, 2, "gl") == 0 ? "egl." : "") + c.name;
+        if (!withArgs) continue;
+        out += "(";
         for (size_t i = 0; i < c.args.size(); ++i) {
             char hex[24];
             snprintf(hex, sizeof hex, "%llx", static_cast<unsigned long long>(c.args[i]));

@@ -47,10 +47,10 @@ std::vector<Call> calls();
 std::vector<Call> named(const std::vector<Call>& from, const std::string& name);
 void reset();
 // The calls of the given names (all when empty) as "thread:name(args)"
-// ("egl.name" through the EGL table's own GL entries),
-// space-separated; threads and argument values print as named by alias(),
-// others in hex. Order, thread and arguments in one comparison.
-std::string trace(std::initializer_list<const char*> names = {});
+// ("egl.name" through the EGL table's own GL entries; without "(args)"
+// unless withArgs), space-separated; threads and argument values print as
+// named by alias(), others in hex. Order, thread and arguments in one comparison.
+std::string trace(std::initializer_list<const char*> names = {}, bool withArgs = true);
 void alias(uint64_t value, const std::string& name);
 void aliasThread(pthread_t thread, const std::string& name);
 void clearAliases();

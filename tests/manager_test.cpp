@@ -126,7 +126,7 @@ protected:
             list(c.args[1], configAttribs);
             *reinterpret_cast<EGLConfig*>(c.args[2]) = kConfig;
             *reinterpret_cast<EGLint*>(c.args[4]) = configCount;
-            return EGL_TRUE;
+            return chooseResult;
         });
         fake::setHandler("eglCreatePbufferSurface", [](const fake::Call&) { return fake::bits(kPlaceholderSurface); });
         fake::setHandler("eglCreateContext", [this, list](const fake::Call& c) {
@@ -175,6 +175,7 @@ protected:
     KAMLoader* loader = KAMLoader::getInstance();
     std::vector<EGLint> configAttribs, contextAttribs;
     EGLint configCount = 1;
+    EGLBoolean chooseResult = EGL_TRUE;
     std::atomic<bool> failRelease{false};
     std::atomic<uint64_t> fences{0};
 
@@ -344,7 +345,7 @@ TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
             manager->makeCurrentPost(nullptr);
         });
         EXPECT_EQ(second.kam() != nullptr, sideBySide);
-        if (sideBySide) EXPECT_EQ(second.kam()->mWorker, nullptr);
+        if (sideBySide) { EXPECT_EQ(second.kam()->mWorker, nullptr); }
         second.context.kamContext.clear();
         EXPECT_TRUE(manager->mWorkerRunning.load());
         first.context.kamContext.clear();
@@ -454,9 +455,9 @@ TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadOneBoundaryLater)
     });
 }
 
-// The real context still bound elsewhere (the release is refused), or no
-// config for the placeholder: offload stays off, and comes on once it can.
-TEST_F(ManagerTest, OffloadWaitsForTheRealContextAndAPlaceholder) {
+// The real context still bound elsewhere (the release is refused): offload
+// stays off, and comes on once it can.
+TEST_F(ManagerTest, OffloadWaitsForTheRealContext) {
     App app;
     onThread("app-render", [&] {
         manager->makeCurrentPre(app.handle(), &app.draw);
@@ -475,21 +476,58 @@ TEST_F(ManagerTest, OffloadWaitsForTheRealContextAndAPlaceholder) {
         expectState(k, 1);
         release(app);
     });
-    configCount = 0;
-    App second;
-    onThread("app-render", [&] {
-        manager->makeCurrentPre(second.handle(), &second.draw);
-        framesUntilWorker();
-        KAMContext* k = second.kam();
-        ASSERT_NE(k->mWorker, nullptr);
-        EXPECT_EQ(k->mPlaceholderContext, EGL_NO_CONTEXT);
+}
+
+// No placeholder (a step of its set-up fails) or no arena: offload stays off
+// for good and GL passes through; what was made goes with the context, and
+// the worker lets go of its EGL state before it is joined.
+TEST_F(ManagerTest, NoPlaceholderOrArenaKeepsOffloadOff) {
+    const size_t kArenaBlock = 0x2000000;
+    const struct {
+        const char *failing, *message, *tried, *destroyed;
+        size_t memalignFailsFrom;
+    } rows[] = {
+        // A true result is needed as well as a config, and a config as well as a true result.
+        {"eglChooseConfig", "eglChooseConfig failed", "", "", SIZE_MAX},
+        {"", "eglChooseConfig failed", "", "", SIZE_MAX},
+        {"eglCreatePbufferSurface", "eglCreatePbufferSurface failed", " app:eglCreatePbufferSurface", "", SIZE_MAX},
+        {"eglCreateContext", "eglCreateContext failed", " app:eglCreatePbufferSurface app:eglCreateContext",
+         "app:eglDestroySurface(D,PS) ", SIZE_MAX},
+        {nullptr, nullptr, " app:eglCreatePbufferSurface app:eglCreateContext",
+         "app:eglDestroyContext(D,PC) app:eglDestroySurface(D,PS) ", kArenaBlock},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.message ? r.message : "no arena");
+        scriptDriver();
+        configCount = r.failing && !*r.failing ? 0 : 1;
+        chooseResult = !(r.failing && strcmp(r.failing, "eglChooseConfig") == 0);
+        if (r.failing && *r.failing && chooseResult) fake::setHandler(r.failing, [](const fake::Call&) { return uint64_t(0); });
         fake::reset();
-        for (int i = 0; i < 5; ++i) frame();
-        expectState(k, 0);
-        release(second);
-    });
-    EXPECT_EQ(support::exactLog("eglChooseConfig failed", ANDROID_LOG_ERROR), 1);
-    EXPECT_EQ(trace({"eglMakeCurrent", "eglCreatePbufferSurface"}), "");
+        support::clearLog();
+        App app;
+        std::string started;
+        onThread("app-render", [&] {
+            support::MemalignFails fails(r.memalignFailsFrom);
+            manager->makeCurrentPre(app.handle(), &app.draw);
+            framesUntilWorker();
+            KAMContext* k = app.kam();
+            ASSERT_NE(k->mWorker, nullptr);
+            fake::aliasThread(workerOf(k), "worker");
+            for (int i = 0; i < 10; ++i) frame();
+            expectState(k, 0);
+            EXPECT_EQ(k->mMemory.mBase == nullptr, r.memalignFailsFrom != SIZE_MAX);
+            kam_glActiveTexture_opt(0x84C7);
+            started = trace({"eglMakeCurrent", "eglChooseConfig", "eglCreatePbufferSurface", "eglCreateContext", "glActiveTexture"}, false);
+            fake::reset();
+            release(app);
+        });
+        // Tried once, nobody made current.
+        EXPECT_EQ(started, std::string("app:eglChooseConfig") + r.tried + " app:glActiveTexture");
+        EXPECT_EQ(trace({"eglDestroyContext", "eglDestroySurface", "eglReleaseThread"}), std::string(r.destroyed) + "worker:eglReleaseThread()");
+        EXPECT_EQ(support::countLog("", ANDROID_LOG_ERROR), r.message ? 1 : 0);
+        if (r.message) { EXPECT_EQ(support::exactLog(r.message, ANDROID_LOG_ERROR), 1); }
+        EXPECT_FALSE(manager->mWorkerRunning.load());
+    }
 }
 
 // ---- frame boundary ----

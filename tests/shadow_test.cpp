@@ -230,6 +230,62 @@ TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
     for (const fake::Call& c : fake::calls()) EXPECT_EQ(c.name.find("glGetBufferParameter"), std::string::npos);
 }
 
+// A driver that refuses every real mapping: the application writes through
+// its shadow pointer as usual, the bytes have nowhere to go, and the unmap
+// (which the driver still hears, on the worker) reports it. A flush that
+// found no mapping keeps its reference: the deleted buffer waits for the
+// frame boundary.
+TEST_F(BindingsTest, RealMappingThatFailsIsReportedAtUnmap) {
+    fake::setHandler("glMapBufferRange", [](const fake::Call&) { return uint64_t(0); });
+    fake::setHandler("glUnmapBuffer", [](const fake::Call&) { return uint64_t(GL_FALSE); });
+    for (GLuint buffer : {41u, 42u}) {
+        const bool flush = buffer == 42;
+        SCOPED_TRACE(buffer);
+        support::clearLog();
+        makeBuffer(GL_ARRAY_BUFFER, buffer);
+        auto* p = static_cast<uint8_t*>(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 16, GL_MAP_WRITE_BIT | (flush ? GL_MAP_FLUSH_EXPLICIT_BIT : 0)));
+        ASSERT_NE(p, nullptr) << "the application gets its shadow memory";
+        memset(p, 0x5A, 16);
+        if (flush) kam_glFlushMappedBufferRange_opt(GL_ARRAY_BUFFER, 0, 16);
+        fake::reset();
+        EXPECT_EQ(kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER), GL_TRUE);
+        ctx.drain();
+        EXPECT_EQ(support::countLog("glUnmapBuffer error target=0x8892 addr=(nil) buffer=" + std::to_string(buffer), ANDROID_LOG_ERROR), 1);
+        const auto unmaps = fake::named(fake::calls(), "glUnmapBuffer");
+        ASSERT_EQ(unmaps.size(), 1u);
+        EXPECT_TRUE(on(unmaps[0], worker));
+        kam_glDeleteBuffers_opt(1, &buffer);
+        ctx.frameBoundary();
+        EXPECT_EQ(support::countLog("Delete a mapped buffer=42 bufSize=64 refs=1", ANDROID_LOG_ERROR), flush ? 1 : 0);
+    }
+}
+
+// Client memory that cannot be copied (the arena is full and memalign fails,
+// or a shadow block cannot be had) is used where it is: the call runs on the
+// worker while the application waits.
+TEST_F(BindingsTest, CopiesThatFindNoMemoryWaitForTheDriver) {
+    const size_t kArenaBlock = 0x2000000, huge = kArenaBlock + 4096;  // larger than the whole arena
+    std::vector<uint8_t> bytes(huge, 0x11);
+    fake::setHandler("glMapBufferRange", [](const fake::Call&) { return uint64_t(0x7000); });
+    const struct { const char* call; size_t failsFrom; std::function<void()> run; int pointerArg; } rows[] = {
+        {"glBufferData", kArenaBlock, [&] { kam_glBufferData_opt(GL_ARRAY_BUFFER, GLsizeiptr(huge), bytes.data(), GL_STATIC_DRAW); }, 2},
+        {"glBufferSubData", kArenaBlock, [&] { kam_glBufferSubData_opt(GL_ARRAY_BUFFER, 0, GLsizeiptr(huge), bytes.data()); }, 3},
+        {"glMapBufferRange", 1, [&] { EXPECT_EQ(kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, 0, 16, GL_MAP_WRITE_BIT), (void*)0x7000); }, -1},
+    };
+    GLuint name = 50;
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.call);
+        makeBuffer(GL_ARRAY_BUFFER, ++name);
+        fake::reset();
+        support::MemalignFails(r.failsFrom), r.run();
+        const auto calls = fake::named(fake::calls(), r.call);  // before any drain: it already ran
+        ASSERT_EQ(calls.size(), 1u);
+        EXPECT_TRUE(on(calls[0], worker));
+        if (r.pointerArg >= 0) { EXPECT_EQ(calls[0].args[size_t(r.pointerArg)], fake::bits(bytes.data())); }
+        ctx.frameBoundary();
+    }
+}
+
 enum VaoOp { kBindVao, kBindVaoOes, kBindElements, kDeleteVao, kDeleteVaoOes, kDeleteBuffer };
 
 // A draw's index pointer is an offset exactly when the drawn vertex array has

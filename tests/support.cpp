@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <cstdint>
 #include <cstdlib>
 #include <atomic>
 #include <mutex>
@@ -46,6 +47,20 @@ __attribute__((visibility("default"))) uint64_t atrace_get_enabled_tags() {
 __attribute__((visibility("default"))) void atrace_begin_body(const char*) { gSyncPosts.fetch_add(1); }
 __attribute__((visibility("default"))) void atrace_end_body() {}
 }
+
+namespace {
+std::atomic<size_t> gMemalignFailsFrom{SIZE_MAX};
+}
+
+// This definition in the executable comes before the C library's for the whole process.
+extern "C" __attribute__((visibility("default"))) void* memalign(size_t alignment, size_t size) {
+    void* p = nullptr;
+    if (size >= gMemalignFailsFrom.load()) return nullptr;
+    return posix_memalign(&p, alignment < sizeof(void*) ? sizeof(void*) : alignment, size) == 0 ? p : nullptr;
+}
+
+support::MemalignFails::MemalignFails(size_t from) { gMemalignFailsFrom.store(from); }
+support::MemalignFails::~MemalignFails() { gMemalignFailsFrom.store(SIZE_MAX); }
 
 namespace {
 std::mutex gLogLock;

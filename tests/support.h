@@ -37,6 +37,14 @@ int exactLog(const std::string& text, int priority);
 // a wrapper waited for the worker, independently of how soon the worker ran.
 int syncPosts();
 
+// memalign (the layer's arena and shadow blocks) fails for requests of at
+// least `from` bytes while one of these lives, as in a process out of
+// address space.
+struct MemalignFails {
+    explicit MemalignFails(size_t from);
+    ~MemalignFails();
+};
+
 // The table a detached thread gets, as the fake platform hands it over.
 extern void* noContextTable[fake::kGlTableSize];
 
