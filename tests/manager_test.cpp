@@ -269,30 +269,83 @@ TEST_F(ManagerTest, NothingWhileOffloadIsNotPermitted) {
     EXPECT_TRUE(support::logLines().empty());
 }
 
-TEST_F(ManagerTest, SkippedThreadNeverAttachesToAnExistingContext) {
-    for (const char* name : {"RenderThread", "Chrome_InProcGp"}) {
-        SCOPED_TRACE(name);
-        App app;
-        onThread("app-render", [&] {
-            manager->makeCurrentPre(app.handle(), &app.draw);
-            manager->makeCurrentPost(nullptr);
-        });
-        KAMContext* k = app.kam();
-        ASSERT_NE(k, nullptr);
-        onThread(name, [&] {
+// The record is made at the thread's first make-current, attaches idle (the
+// slot points at the interposed table, nothing offloaded), and reports the
+// context it held when the thread ends.
+TEST_F(ManagerTest, FirstMakeCurrentMakesTheRecordAndAttachesIdle) {
+    App app;
+    int tid = 0;
+    onThread("renderer", [&] {
+        ASSERT_EQ(__tls, nullptr);
+        kam_platform_gl_slot = nullptr;
+        manager->makeCurrentPre(app.handle(), &app.draw);
+        sp<KAMThreadLocal> tls = __tls;
+        ASSERT_TRUE(tls != nullptr && app.kam() != nullptr);
+        EXPECT_EQ(tls->mName, "renderer");
+        EXPECT_EQ(tls->mTid, tid = gettid());
+        EXPECT_EQ(tls->mContext, app.kam());
+        EXPECT_EQ(tls->mEglContext, app.handle());
+        EXPECT_EQ(tls->mActiveContext, nullptr);
+        EXPECT_EQ(kam_platform_gl_slot, loader->mKamGl);
+        EXPECT_EQ(app.kam()->mTls.promote(), tls);
+    });
+    const std::string id = std::to_string(tid), ctx = format("%p", app.handle());
+    EXPECT_EQ(support::exactLog("iniTLS <renderer> skip=0 EGLContext=" + ctx + " created by app-creator", ANDROID_LOG_DEBUG), 1);
+    EXPECT_EQ(support::exactLog("RenderThread is marked -> name=renderer tid=" + id + " context=" + ctx + " version=2", ANDROID_LOG_DEBUG), 1);
+    EXPECT_EQ(support::countLog("onThreadReleased:[<renderer>," + id + "] EGLContext= " + ctx), 1);
+}
+
+// Only a window surface on a thread of any name but the platform's two
+// render threads (exactly those) gets an offload context. Those two never
+// attach, not even to a context another thread made; their frames feed no
+// meter and start no worker.
+TEST_F(ManagerTest, OnlyWindowSurfacesOfOrdinaryThreadsGetAContext) {
+    const struct { const char* name; bool window, skip; } rows[] = {
+        {"RenderThread", true, true},  {"Chrome_InProcGp", true, true}, {"RenderThread2", true, false},
+        {"renderthread", true, false}, {"Chrome_InProcG", true, false}, {"main", true, false}, {"pbuffer-only", false, false}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        App app, other;
+        onThread("app-render", [&] { manager->makeCurrentPre(other.handle(), &other.draw), manager->makeCurrentPost(nullptr); });
+        KAMContext* k = other.kam();
+        onThread(r.name, [&] {
             void* marker = reinterpret_cast<void*>(0x5107);
             kam_platform_gl_slot = marker;
-            manager->makeCurrentPre(app.handle(), &app.draw);
+            manager->makeCurrentPre(app.handle(), r.window ? &app.draw : &app.pbuffer);
+            if (!r.window) manager->makeCurrentPre(app.handle(), nullptr);
             ASSERT_NE(__tls, nullptr);
-            EXPECT_TRUE(__tls->mSkip);
-            EXPECT_EQ(__tls->mContext, nullptr);
+            EXPECT_EQ(__tls->mSkip, r.skip);
+            EXPECT_EQ(app.kam() == nullptr, r.skip || !r.window);
+            EXPECT_EQ(__tls->mContext, app.kam());
+            if (!r.skip) return;
             EXPECT_EQ(kam_platform_gl_slot, marker);
-            activate(app);  // its frames feed no meter and start no worker
+            manager->makeCurrentPre(other.handle(), &other.draw);
+            EXPECT_EQ(__tls->mContext, nullptr);
+            activate(other);
         });
-        EXPECT_EQ(k->mFrameCount, 0u);
-        EXPECT_EQ(k->mFps.mFrames, 0u);
+        EXPECT_EQ(k->mFrameCount + k->mFps.mFrames, 0u);
         EXPECT_EQ(k->mWorker, nullptr);
         EXPECT_FALSE(manager->mWorkerRunning.load());
+    }
+}
+
+// Detaching points the slot at the no-context table and unlinks both sides,
+// unless there was nothing to detach or the context was re-pointed already.
+TEST_F(ManagerTest, DetachPointsTheSlotAtTheNoContextTable) {
+    for (int row = 0; row < 3; ++row) {
+        SCOPED_TRACE(row);
+        App app;
+        onThread("detach", [&] {
+            manager->makeCurrentPre(app.handle(), row == 0 ? &app.pbuffer : &app.draw);
+            KAMContext* k = __tls->mContext;
+            if (row == 2) k->mTls.clear();
+            void* marker = reinterpret_cast<void*>(0xABC);
+            kam_platform_gl_slot = marker;
+            __tls->attachContext(nullptr);
+            EXPECT_EQ(kam_platform_gl_slot, row == 1 ? static_cast<void*>(support::noContextTable) : marker);
+            EXPECT_TRUE(__tls->mContext == nullptr && __tls->mEglContext == nullptr && __tls->mActiveContext == nullptr);
+            if (k) { EXPECT_EQ(k->mTls.unsafe_get(), nullptr); }
+        });
     }
 }
 
