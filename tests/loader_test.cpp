@@ -96,47 +96,40 @@ TEST_F(LoaderTest, SecondInitKeepsTheFirstTables) {
     EXPECT_EQ(loader->mNoContextGlTable, support::noContextTable);
 }
 
-TEST_F(LoaderTest, ShortNameArrayLeavesLaterEntriesNull) {
-    std::vector<const char*> few(kam_platform_gl_names, kam_platform_gl_names + 10);
-    few.push_back(nullptr);
-    loader->init(kam_platform_egl_names, tables.egl, few.data(), tables.gl, nullptr);
-    for (int k = 0; k < 10; ++k) EXPECT_NE(loader->mKamGl[k], nullptr);
-    for (int k = 10; k < fake::kGlTableSize; ++k) ASSERT_EQ(loader->mKamGl[k], nullptr) << k;
-    // The copies are of the full tables whatever the names say.
-    EXPECT_EQ(loader->mOriginGl[500], fake::glTable[500]);
+// A name array that ends early leaves the later entries null; a name the
+// layer has no entry for gets the origin entry, with a warning. The copies
+// are of the full tables whatever the names say.
+TEST_F(LoaderTest, ShortOrUnknownNames) {
+    for (bool unknown : {false, true}) {
+        SCOPED_TRACE(unknown);
+        std::vector<const char*> names(kam_platform_gl_names, kam_platform_gl_names + 10);
+        if (unknown) names.push_back("glNotAnEntryPoint");
+        names.push_back(nullptr);
+        support::clearLog();
+        loader = std::make_unique<KAMLoader>();
+        loader->init(kam_platform_egl_names, tables.egl, names.data(), tables.gl, nullptr);
+        EXPECT_EQ(loader->mMissingEntries, unknown);
+        for (int k = 0; k < fake::kGlTableSize; ++k)
+            ASSERT_EQ(loader->mKamGl[k] != nullptr, k < 10 + unknown) << k;
+        if (unknown) { EXPECT_EQ(loader->mKamGl[10], tables.gl[10]); }
+        EXPECT_EQ(loader->mOriginGl[500], fake::glTable[500]);
+        EXPECT_EQ(support::countLog("Can't find"), unknown);
+        EXPECT_EQ(support::exactLog("Can't find kam api, use origin api instead for glNotAnEntryPoint", ANDROID_LOG_WARN), unknown);
+    }
 }
 
+// Both kam_glGetString_opt and kam_glGetString are exported: the _opt form wins.
 TEST_F(LoaderTest, OptFormWinsOverPlainForm) {
-    // Both kam_glGetString_opt and kam_glGetString are exported.
     void* self = dlopen(android::kamLibraryPath(), RTLD_LAZY);
-    ASSERT_NE(self, nullptr);
     void* opt = dlsym(self, "kam_glGetString_opt");
-    void* plain = dlsym(self, "kam_glGetString");
-    ASSERT_NE(opt, nullptr);
-    ASSERT_NE(plain, nullptr);
+    ASSERT_TRUE(opt != nullptr && dlsym(self, "kam_glGetString") != nullptr);
     EXPECT_EQ(loader->dlsymKamApi("glGetString", self), opt);
     EXPECT_EQ(loader->dlsymKamApi("glFinish", self), dlsym(self, "kam_glFinish"));
     EXPECT_EQ(loader->dlsymKamApi("glNoSuchEntry", self), nullptr);
-    dlclose(self);
-
     loader->init(kam_platform_egl_names, tables.egl, kam_platform_gl_names, tables.gl, nullptr);
-    int k = position(kam_platform_gl_names, "glGetString");
-    EXPECT_EQ(loader->mKamGl[k], opt);
-    int e = position(kam_platform_egl_names, "eglMakeCurrent");
-    void* h = dlopen(android::kamLibraryPath(), RTLD_LAZY);
-    EXPECT_EQ(loader->mKamEgl[e], dlsym(h, "kam_eglMakeCurrent_opt"));
-    dlclose(h);
-}
-
-TEST_F(LoaderTest, MissingNameFallsBackToOriginAndWarns) {
-    std::vector<const char*> names(kam_platform_gl_names, kam_platform_gl_names + 3);
-    names.push_back("glNotAnEntryPoint");
-    names.push_back(nullptr);
-    loader->init(kam_platform_egl_names, tables.egl, names.data(), tables.gl, nullptr);
-    EXPECT_TRUE(loader->mMissingEntries);
-    EXPECT_EQ(loader->mKamGl[3], tables.gl[3]);
-    EXPECT_EQ(support::countLog("Can't find kam api, use origin api instead for glNotAnEntryPoint", ANDROID_LOG_WARN), 1);
-    EXPECT_EQ(support::countLog("Can't find"), 1);
+    EXPECT_EQ(loader->mKamGl[position(kam_platform_gl_names, "glGetString")], opt);
+    EXPECT_EQ(loader->mKamEgl[position(kam_platform_egl_names, "eglMakeCurrent")], dlsym(self, "kam_eglMakeCurrent_opt"));
+    dlclose(self);
 }
 
 TEST_F(LoaderTest, LibraryThatCannotBeOpenedKeepsOffloadOff) {

@@ -1,9 +1,11 @@
-// Every GL and EGL name of the platform's tables reaches a kam_ entry, and on
-// a thread that is not offloaded that entry is the origin call: same thread,
-// same arguments, same result.
+// Every GL and EGL name of the platform's tables, in the platform's order,
+// reaches a kam_ entry, and on a thread that never made a context current
+// that entry is the origin call: same thread, same arguments, same result
+// (the bounded pointer calls forward without their trailing count).
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -11,72 +13,34 @@
 #include "loader/KAMLoader.h"
 #include "support.h"
 
-namespace {
-
-using cases::Case;
-using cases::Outcome;
-
-struct Expectation {
-    std::string name;
-    size_t argCount;
-};
-
-// The bounded pointer calls forward to the unbounded wrapper without their
-// trailing count.
-Expectation expectedCall(const Case& c, size_t argCount) {
-    std::string name = c.name;
-    if (std::string(c.kind) == "bounds") return {name.substr(0, name.size() - 6), argCount - 1};
-    return {name, argCount};
-}
-
-void checkPassThrough(const Case& c, void* entry, uint64_t resultSeed) {
-    SCOPED_TRACE(c.name);
-    ASSERT_NE(entry, nullptr);
-    fake::reset();
-    fake::setResult(resultSeed);
-    Outcome out;
-    c.call(entry, out);
-    auto calls = fake::calls();
-    Expectation want = expectedCall(c, out.args.size());
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].name, want.name);
-    EXPECT_TRUE(pthread_equal(calls[0].thread, pthread_self()));
-    std::vector<uint64_t> args(out.args.begin(), out.args.begin() + want.argCount);
-    EXPECT_EQ(calls[0].args, args);
-    if (!c.isVoid) {
-        EXPECT_EQ(out.result, out.expected);
-    }
-}
-
-class PassThroughTest : public ::testing::Test {
-protected:
-    void SetUp() override { support::initLayer(); }
-};
-
-TEST_F(PassThroughTest, EveryGlNameWithoutThreadRecord) {
+TEST(PassThroughTest, EveryNameWithoutAThreadRecord) {
+    support::initLayer();
     auto* loader = android::KAMLoader::getInstance();
     ASSERT_FALSE(loader->mMissingEntries);
-    // A fresh thread has never made a context current: no record at all.
-    std::thread([&] {
-        for (int k = 0; k < cases::glCaseCount; ++k)
-            checkPassThrough(cases::glCases[k], loader->mKamGl[k], 0x5000 + k);
-    }).join();
-}
-
-TEST_F(PassThroughTest, EveryEglNameWithoutThreadRecord) {
-    auto* loader = android::KAMLoader::getInstance();
-    std::thread([&] {
-        for (int k = 0; k < cases::eglCaseCount; ++k)
-            checkPassThrough(cases::eglCases[k], loader->mKamEgl[k], 0x7000 + k);
-    }).join();
-}
-
-TEST_F(PassThroughTest, CaseTablesFollowThePlatformOrder) {
-    for (int k = 0; k < cases::glCaseCount; ++k) ASSERT_STREQ(cases::glCases[k].name, kam_platform_gl_names[k]);
-    EXPECT_EQ(kam_platform_gl_names[cases::glCaseCount], nullptr);
-    EXPECT_LE(cases::glCaseCount, fake::kGlTableSize);
-    for (int k = 0; k < cases::eglCaseCount; ++k) ASSERT_STREQ(cases::eglCases[k].name, kam_platform_egl_names[k]);
     EXPECT_EQ(cases::eglCaseCount, fake::kEglTableSize);
+    const struct { const cases::Case* cases; int count; const char* const* names; void* const* entries; int tableSize; } tables[] = {
+        {cases::glCases, cases::glCaseCount, kam_platform_gl_names, loader->mKamGl, fake::kGlTableSize},
+        {cases::eglCases, cases::eglCaseCount, kam_platform_egl_names, loader->mKamEgl, fake::kEglTableSize}};
+    std::thread([&] {
+        for (const auto& t : tables) {
+            EXPECT_EQ(t.names[t.count], nullptr);
+            EXPECT_LE(t.count, t.tableSize);
+            for (int k = 0; k < t.count; ++k) {
+                const cases::Case& c = t.cases[k];
+                SCOPED_TRACE(c.name);
+                ASSERT_STREQ(c.name, t.names[k]);
+                ASSERT_NE(t.entries[k], nullptr);
+                fake::reset(), fake::setResult(0x5000 + k);
+                cases::Outcome out;
+                c.call(t.entries[k], out);
+                const bool bounds = strcmp(c.kind, "bounds") == 0;
+                const auto calls = fake::calls();
+                ASSERT_EQ(calls.size(), 1u);
+                EXPECT_EQ(calls[0].name, std::string(c.name, strlen(c.name) - (bounds ? 6 : 0)));
+                EXPECT_TRUE(pthread_equal(calls[0].thread, pthread_self()));
+                EXPECT_EQ(calls[0].args, std::vector<uint64_t>(out.args.begin(), out.args.end() - bounds));
+                if (!c.isVoid) { EXPECT_EQ(out.result, out.expected); }
+            }
+        }
+    }).join();
 }
-
-}  // namespace
