@@ -21,7 +21,7 @@ while (($#)); do
   esac
   shift
 done
-((${#targets[@]})) || targets=(init_mtr tex_size apply_attribs bindings)
+((${#targets[@]})) || targets=(apply_attribs bindings)
 
 bash "$root/scripts/install-deps.sh"
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DKAM_FUZZ=ON -DKAM_BUILD_DEMO=OFF -DKAM_BUILD_BENCH=OFF \
