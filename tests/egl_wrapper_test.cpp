@@ -38,6 +38,7 @@ protected:
     void SetUp() override {
         support::initLayer();
         fake::clearHandlers();
+        fake::clearAliases();
         fake::setResult(0);
         fake::reset();
         support::clearLog();
