@@ -204,10 +204,10 @@ TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
     const struct {
         GLintptr offset;
         GLsizeiptr length;
-    } cases[] = {{0, 65}, {0x70000000, 16}, {-1, 8}, {60, 8}, {8, 0}, {8, -8}, {0, 64}, {16, 48}, {0, 65}};
+    } cases[] = {{0, 65}, {0x70000000, 16}, {-1, 8}, {60, 8}, {8, 0}, {8, -8}, {0, 64}, {16, 48}, {63, 1}, {0, 65}};
     for (const auto& tc : cases) {
         SCOPED_TRACE(::testing::Message() << tc.offset << " + " << tc.length);
-        const bool served = tc.length == 64 || tc.length == 48;
+        const bool served = tc.offset >= 0 && tc.length >= 1 && tc.offset + tc.length <= 64;
         fake::reset();
         void* p = kam_glMapBufferRange_opt(GL_ARRAY_BUFFER, tc.offset, tc.length, GL_MAP_WRITE_BIT);
         const std::vector<fake::Call> here = callsOn(self);
