@@ -156,51 +156,37 @@ TEST_F(EglWrapperTest, CurrentBindingIsAnsweredFromTheRecordWhileOffloading) {
     gThreadRecord->mActiveContext = active.get();
 }
 
+// Making current what is bound already posts nothing; anything else runs on
+// the worker, and a driver that refuses gives its answer to the caller.
 TEST_F(EglWrapperTest, MakeCurrentOfTheExistingBindingPostsNothing) {
     void* const app = &active.record;
-    void* const other = reinterpret_cast<void*>(0x0C7);
-    const EGLDisplay otherDisplay = reinterpret_cast<EGLDisplay>(0xD16);
     const EGLSurface elsewhere = reinterpret_cast<EGLSurface>(0x5EE);
-    struct Row {
-        const char* what;
-        EGLDisplay dpy;
-        EGLSurface draw, read;
-        void* ctx;
-        bool posts;
-    } rows[] = {
-        {"same binding", kDisplay, kDraw, kRead, app, false},
-        {"display is not compared", otherDisplay, kDraw, kRead, app, false},
-        {"other context", kDisplay, kDraw, kRead, other, true},
-        {"other draw surface", kDisplay, elsewhere, kRead, app, true},
-        {"other read surface", kDisplay, kDraw, elsewhere, app, true},
-        {"draw and read swapped", kDisplay, kRead, kDraw, app, true},
-        {"release", kDisplay, EGL_NO_SURFACE, EGL_NO_SURFACE, nullptr, true},
+    const struct { const char* what; EGLDisplay dpy; EGLSurface draw, read; void* ctx; const char* posted; } rows[] = {
+        {"same binding", kDisplay, kDraw, kRead, app, ""},
+        {"display is not compared", reinterpret_cast<EGLDisplay>(0xD16), kDraw, kRead, app, ""},
+        {"other context", kDisplay, kDraw, kRead, reinterpret_cast<void*>(0xC7), "D,draw,read,c7"},
+        {"other draw surface", kDisplay, elsewhere, kRead, app, "D,5ee,read,app"},
+        {"other read surface", kDisplay, kDraw, elsewhere, app, "D,draw,5ee,app"},
+        {"draw and read swapped", kDisplay, kRead, kDraw, app, "D,read,draw,app"},
+        {"release", kDisplay, EGL_NO_SURFACE, EGL_NO_SURFACE, nullptr, "D,0,0,0"},
     };
-    // A driver that refuses: its answer, not the shortcut's, reaches the caller.
+    fake::alias(b(kDisplay), "D"), fake::alias(b(kDraw), "draw"), fake::alias(b(kRead), "read"), fake::alias(b(app), "app");
+    fake::aliasThread(workerThread, "worker");
     fake::setResult(EGL_FALSE);
-    for (const Row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.what);
         fake::reset();
         const int32_t before = posts();
-        EGLBoolean result = kam_eglMakeCurrent_opt(r.dpy, r.draw, r.read, static_cast<EGLContext>(r.ctx));
-        auto calls = fake::calls();
-        if (!r.posts) {
-            EXPECT_EQ(result, static_cast<EGLBoolean>(EGL_TRUE));
-            EXPECT_EQ(posts(), before);
-            EXPECT_TRUE(calls.empty());
-            continue;
-        }
-        EXPECT_EQ(result, static_cast<EGLBoolean>(EGL_FALSE));
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_EQ(calls[0].name, "eglMakeCurrent");
-        EXPECT_TRUE(onWorker(calls[0]));
-        EXPECT_EQ(calls[0].args, (std::vector<uint64_t>{b(r.dpy), b(r.draw), b(r.read), b(r.ctx)}));
-        EXPECT_EQ(lastItem(), "kam_eglMakeCurrent_opt");
+        const bool posts = *r.posted != 0;
+        EXPECT_EQ(kam_eglMakeCurrent_opt(r.dpy, r.draw, r.read, static_cast<EGLContext>(r.ctx)), posts ? EGL_FALSE : EGL_TRUE);
+        EXPECT_EQ(fake::trace(), posts ? std::string("worker:eglMakeCurrent(") + r.posted + ")" : "");
+        EXPECT_EQ(this->posts() == before, !posts);
+        if (posts) { EXPECT_EQ(lastItem(), "kam_eglMakeCurrent_opt"); }
     }
 }
 
-// The frame fence is handed over once, to a plain fence request on any display;
-// every other request is created on the worker and leaves it alone.
+// The frame fence is handed over once, to a plain fence request on any
+// display; every other request is created on the worker and leaves it alone.
 TEST_F(EglWrapperTest, FrameFenceIsHandedOverOnceOtherSyncsAreCreatedOnTheWorker) {
     const EGLSyncKHR frameFence = reinterpret_cast<EGLSyncKHR>(0xFE1);
     const EGLint attribs[] = {EGL_NONE};
@@ -213,38 +199,23 @@ TEST_F(EglWrapperTest, FrameFenceIsHandedOverOnceOtherSyncsAreCreatedOnTheWorker
     EXPECT_EQ(k->mFrameFence, EGL_NO_SYNC_KHR);
     EXPECT_EQ(posts(), before);
     EXPECT_TRUE(fake::calls().empty());
-    struct Row {
-        EGLSyncKHR fence;
-        const char* origin;
-        std::function<void*()> call;
-        std::vector<uint64_t> args;
-    } rows[] = {
-        {EGL_NO_SYNC_KHR, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, nullptr); },
-         {b(kDisplay), EGL_SYNC_FENCE_KHR, 0}},
-        {frameFence, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, attribs); },
-         {b(kDisplay), EGL_SYNC_FENCE_KHR, b(attribs)}},
-        {frameFence, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_REUSABLE_KHR, nullptr); },
-         {b(kDisplay), EGL_SYNC_REUSABLE_KHR, 0}},
-        {frameFence, "eglCreateSyncKHR",
-         [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_NATIVE_FENCE_ANDROID, nullptr); },
-         {b(kDisplay), EGL_SYNC_NATIVE_FENCE_ANDROID, 0}},
-        {frameFence, "eglCreateSync", [&] { return static_cast<void*>(kam_eglCreateSync_opt(kDisplay, EGL_SYNC_FENCE, nullptr)); },
-         {b(kDisplay), EGL_SYNC_FENCE, 0}},
-        {frameFence, "eglCreateSync",
-         [&] { return static_cast<void*>(kam_eglCreateSync_opt(kDisplay, EGL_SYNC_FENCE, attribs15)); },
-         {b(kDisplay), EGL_SYNC_FENCE, b(attribs15)}},
+    fake::alias(b(kDisplay), "D"), fake::alias(b(attribs), "attribs"), fake::alias(b(attribs15), "attribs");
+    fake::aliasThread(workerThread, "worker");
+    const struct { EGLSyncKHR fence; const char* origin; std::function<void*()> call; const char* args; } rows[] = {
+        {EGL_NO_SYNC_KHR, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, nullptr); }, "D,30f9,0"},
+        {frameFence, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, attribs); }, "D,30f9,attribs"},
+        {frameFence, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_REUSABLE_KHR, nullptr); }, "D,30fa,0"},
+        {frameFence, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_NATIVE_FENCE_ANDROID, nullptr); }, "D,3144,0"},
+        {frameFence, "eglCreateSync", [&] { return static_cast<void*>(kam_eglCreateSync_opt(kDisplay, EGL_SYNC_FENCE, nullptr)); }, "D,30f9,0"},
+        {frameFence, "eglCreateSync", [&] { return static_cast<void*>(kam_eglCreateSync_opt(kDisplay, EGL_SYNC_FENCE, attribs15)); }, "D,30f9,attribs"},
     };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.args[1]);
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.args);
         k->mFrameFence = r.fence;
         fake::reset();
         EXPECT_EQ(r.call(), reinterpret_cast<void*>(0x5C5C));
         EXPECT_EQ(k->mFrameFence, r.fence);
-        auto calls = fake::calls();
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_EQ(calls[0].name, r.origin);
-        EXPECT_TRUE(onWorker(calls[0]));
-        EXPECT_EQ(calls[0].args, r.args);
+        EXPECT_EQ(fake::trace(), std::string("worker:") + r.origin + "(" + r.args + ")");
         EXPECT_EQ(lastItem(), "kam_" + std::string(r.origin) + "_opt");
     }
 }
