@@ -43,9 +43,9 @@ method=${method// /}
 eval "set -- $cmd"
 
 out=$(mktemp -d)
-trap 'rm -rf "$out"' EXIT
-# A failed run keeps its logs, images and snapshots for a look.
-fail() { echo "FAIL: $row: $*" >&2; rm -rf "$build/e2e-failed/$row"; mkdir -p "$build/e2e-failed"; cp -r "$out" "$build/e2e-failed/$row"; echo "kept in $build/e2e-failed/$row" >&2; exit 1; }
+# A failed run keeps its logs and images under $build/e2e-failed/ for a look.
+trap 'rc=$?; ((rc)) && rm -rf "$build/e2e-failed/$row" && mkdir -p "$build/e2e-failed" && mv "$out" "$build/e2e-failed/$row"; rm -rf "$out"' EXIT
+fail() { echo "FAIL: $row: $*" >&2; exit 1; }
 stop_lib="$build/lib/libkam-stop-frame.so"
 [[ -f $stop_lib ]] || fail "no $stop_lib"
 

@@ -8,9 +8,9 @@ test_name=$1 build=$(cd "$2" && pwd)
 
 kam_run="$build/kam-run" app="$build/kam-e2e-app"
 out=$(mktemp -d)
-trap 'rm -rf "$out"' EXIT
-# A failed run keeps its logs and images for a look.
-fail() { echo "FAIL: $*" >&2; rm -rf "$build/e2e-failed/$test_name"; mkdir -p "$build/e2e-failed"; cp -r "$out" "$build/e2e-failed/$test_name"; echo "kept in $build/e2e-failed/$test_name" >&2; exit 1; }
+# A failed run keeps its logs and images under $build/e2e-failed/ for a look.
+trap 'rc=$?; ((rc)) && rm -rf "$build/e2e-failed/$test_name" && mkdir -p "$build/e2e-failed" && mv "$out" "$build/e2e-failed/$test_name"; rm -rf "$out"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
 count() { grep -c "$1" "$out/kam.log"; }
 # "$@" directly ($out/direct.*), then through kam-run $kam_opts ($out/kam.*).
 both() {
