@@ -23,8 +23,6 @@ PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # the performance report's plots and profiles
   gnuplot-nox valgrind linux-perf
-  # fuzzing: clang with libFuzzer
-  clang libclang-rt-14-dev
 )
 
 # Optional group, `install-deps.sh armhf`: the 32-bit ARM cross build and its

@@ -138,7 +138,7 @@ def main():
     files = subprocess.run(["git", "ls-files", "-z"], cwd=root, stdout=subprocess.PIPE, check=True).stdout
     os.makedirs(tree, exist_ok=True)
     for rel in files.decode().split("\0"):
-        if rel and not rel.startswith("tests/fuzz/corpus"):
+        if rel:
             dst = os.path.join(tree, rel)
             os.makedirs(os.path.dirname(dst), exist_ok=True)
             src = os.path.join(root, rel)
