@@ -60,30 +60,17 @@ uint64_t result();
 
 template <class T>
 uint64_t bits(T v) {
-    if constexpr (std::is_floating_point_v<T>) {
-        if constexpr (sizeof(T) == 4) {
-            uint32_t u;
-            memcpy(&u, &v, 4);
-            return u;
-        } else {
-            uint64_t u;
-            memcpy(&u, &v, 8);
-            return u;
-        }
-    } else if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<uintptr_t>(v);
-    } else {
-        return static_cast<uint64_t>(v);
-    }
+    uint64_t u = 0;
+    if constexpr (std::is_pointer_v<T>) u = reinterpret_cast<uintptr_t>(v);
+    else if constexpr (std::is_floating_point_v<T>) memcpy(&u, &v, sizeof v);
+    else u = static_cast<uint64_t>(v);
+    return u;
 }
 
 template <class T>
 T fromBits(uint64_t v) {
-    if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<T>(static_cast<uintptr_t>(v));
-    } else {
-        return static_cast<T>(v);
-    }
+    if constexpr (std::is_pointer_v<T>) return reinterpret_cast<T>(static_cast<uintptr_t>(v));
+    else return static_cast<T>(v);
 }
 
 template <class T>
