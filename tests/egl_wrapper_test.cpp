@@ -22,12 +22,7 @@ using namespace android;
 
 namespace {
 
-std::vector<fake::Call> callsNamed(const std::string& name) { return fake::named(fake::calls(), name); }
-
-template <class T>
-uint64_t b(T v) {
-    return fake::bits(v);
-}
+using fake::bits;
 
 const EGLDisplay kDisplay = reinterpret_cast<EGLDisplay>(0xD15);
 const EGLSurface kDraw = reinterpret_cast<EGLSurface>(0xD4A);
@@ -170,7 +165,7 @@ TEST_F(EglWrapperTest, MakeCurrentOfTheExistingBindingPostsNothing) {
         {"draw and read swapped", kDisplay, kRead, kDraw, app, "D,read,draw,app"},
         {"release", kDisplay, EGL_NO_SURFACE, EGL_NO_SURFACE, nullptr, "D,0,0,0"},
     };
-    fake::alias(b(kDisplay), "D"), fake::alias(b(kDraw), "draw"), fake::alias(b(kRead), "read"), fake::alias(b(app), "app");
+    fake::alias(bits(kDisplay), "D"), fake::alias(bits(kDraw), "draw"), fake::alias(bits(kRead), "read"), fake::alias(bits(app), "app");
     fake::aliasThread(workerThread, "worker");
     fake::setResult(EGL_FALSE);
     for (const auto& r : rows) {
@@ -199,7 +194,7 @@ TEST_F(EglWrapperTest, FrameFenceIsHandedOverOnceOtherSyncsAreCreatedOnTheWorker
     EXPECT_EQ(k->mFrameFence, EGL_NO_SYNC_KHR);
     EXPECT_EQ(posts(), before);
     EXPECT_TRUE(fake::calls().empty());
-    fake::alias(b(kDisplay), "D"), fake::alias(b(attribs), "attribs"), fake::alias(b(attribs15), "attribs");
+    fake::alias(bits(kDisplay), "D"), fake::alias(bits(attribs), "attribs"), fake::alias(bits(attribs15), "attribs");
     fake::aliasThread(workerThread, "worker");
     const struct { EGLSyncKHR fence; const char* origin; std::function<void*()> call; const char* args; } rows[] = {
         {EGL_NO_SYNC_KHR, "eglCreateSyncKHR", [&] { return kam_eglCreateSyncKHR_opt(kDisplay, EGL_SYNC_FENCE_KHR, nullptr); }, "D,30f9,0"},
@@ -240,7 +235,7 @@ TEST_F(EglWrapperTest, ErrorProbeAnswersTheCallerAndLogsTheWorkersError) {
         // The worker's probe is queued, not waited for: a worker still
         // looking for work may already have run it.
         active.drain();
-        const auto calls = callsNamed("eglGetError");
+        const auto calls = fake::named(fake::calls(), "eglGetError");
         ASSERT_EQ(calls.size(), 2u);
         EXPECT_NE(onCaller(calls[0]), onCaller(calls[1]));
         char line[64];

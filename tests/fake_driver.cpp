@@ -64,20 +64,11 @@ uint64_t record(const char* name, std::initializer_list<uint64_t> args, bool egl
     return handler ? handler(call) : value;
 }
 
-void setHandler(const std::string& name, Handler handler) {
-    std::lock_guard<std::mutex> guard(gLock);
-    gHandlers[name] = std::move(handler);
-}
+void setHandler(const std::string& name, Handler handler) { std::lock_guard<std::mutex> guard(gLock); gHandlers[name] = std::move(handler); }
 
-void clearHandlers() {
-    std::lock_guard<std::mutex> guard(gLock);
-    gHandlers.clear();
-}
+void clearHandlers() { std::lock_guard<std::mutex> guard(gLock); gHandlers.clear(); }
 
-std::vector<Call> calls() {
-    std::lock_guard<std::mutex> guard(gLock);
-    return gCalls;
-}
+std::vector<Call> calls() { std::lock_guard<std::mutex> guard(gLock); return gCalls; }
 
 std::vector<Call> named(const std::vector<Call>& from, const std::string& name) {
     std::vector<Call> out;
@@ -86,19 +77,10 @@ std::vector<Call> named(const std::vector<Call>& from, const std::string& name) 
     return out;
 }
 
-void reset() {
-    std::lock_guard<std::mutex> guard(gLock);
-    gCalls.clear();
-}
+void reset() { std::lock_guard<std::mutex> guard(gLock); gCalls.clear(); }
 
-void setResult(uint64_t value) {
-    std::lock_guard<std::mutex> guard(gLock);
-    gResult = value;
-}
+void setResult(uint64_t value) { gResult = value; }
 
-uint64_t result() {
-    std::lock_guard<std::mutex> guard(gLock);
-    return gResult;
-}
+uint64_t result() { return gResult; }
 
 }  // namespace fake

@@ -189,17 +189,10 @@ private:
     void* savedEglTable[fake::kEglTableSize] = {};
 };
 
-// ---- configuration ----
 
-class ManagerInitTest : public ManagerTest {
-protected:
-    void TearDown() override {
-        manager->initMTR("kam-tests", false, "");
-        manager->mClientArrays = false;
-        ManagerTest::TearDown();
-    }
-    // initMTR's outcome and its log line; loader faults keep offload off.
-    void init(const char* args, bool debuggable, bool clientArrays, bool enabled) {
+// initMTR's outcome and its log line; loader faults keep offload off.
+TEST_F(ManagerTest, InitArgumentTokensAndLoaderFaults) {
+    auto init = [this](const char* args, bool debuggable, bool clientArrays, bool enabled) {
         SCOPED_TRACE(std::string("args=\"") + args + "\" debuggable=" + std::to_string(debuggable));
         manager->mClientArrays = false;
         support::clearLog();
@@ -208,13 +201,8 @@ protected:
         EXPECT_EQ(manager->mEnabled, enabled);
         EXPECT_EQ(manager->mName, "proc.name");
         EXPECT_EQ(support::exactLog(std::string("initMTR proc.name ") + (enabled ? "1" : "0") + " args=" + args +
-                               " debuggable=" + (debuggable ? "1" : "0"),
-                           ANDROID_LOG_DEBUG),
-                  1);
-    }
-};
-
-TEST_F(ManagerInitTest, ArgumentTokensAndLoaderFaults) {
+                                        " debuggable=" + (debuggable ? "1" : "0"), ANDROID_LOG_DEBUG), 1);
+    };
     const struct {
         const char* args;
         bool debuggable, clientArrays, enabled;
@@ -250,9 +238,9 @@ TEST_F(ManagerInitTest, ArgumentTokensAndLoaderFaults) {
         EXPECT_TRUE(app.kam()->mClientArrays);
         release(app);
     });
+    manager->initMTR("kam-tests", false, "");
 }
 
-// ---- which threads and contexts ----
 
 // The record is made at a thread's first make-current. Only a window surface
 // on a thread of any name but the platform's two render threads (exactly
@@ -396,35 +384,6 @@ TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
     }
 }
 
-// Making current what is current already only puts the placeholder back on
-// the thread; another context is logged as a change, and an offloaded one
-// stays attached until the platform has drained and released it.
-TEST_F(ManagerTest, MakeCurrentOfTheCurrentOrAnotherContext) {
-    App app, other;
-    onThread("app-render", [&] {
-        KAMContext* k = activate(app);
-        ASSERT_EQ(k->mActive, 1);
-        fake::reset();
-        support::clearLog();
-        EXPECT_TRUE(manager->makeCurrentPre(app.handle(), &app.draw));
-        manager->makeCurrentPost(app.handle());
-        expectState(k, 1);
-        EXPECT_EQ(trace(), kPlaceholderBinding);
-        EXPECT_EQ(support::countLog("EGLContext is changed"), 0);
-        manager->makeCurrentPre(other.handle(), &other.draw);
-        EXPECT_EQ(support::exactLog(format("<app-render> EGLContext is changed tls_ctx=%p", app.handle()) +
-                               format(" set_ctx=%p", other.handle()),
-                           ANDROID_LOG_DEBUG),
-                  1);
-        EXPECT_EQ(other.kam(), nullptr);  // the process's worker is taken
-        EXPECT_EQ(__tls->mContext, k);
-        EXPECT_EQ(k->mTls.promote(), nullptr);
-        release(app);
-    });
-}
-
-// ---- start ----
-
 TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadAtTheFirstBoundaryThatCan) {
     App app;
     onThread("app-render", [&] {
@@ -533,7 +492,6 @@ TEST_F(ManagerTest, NoPlaceholderOrArenaKeepsOffloadOff) {
     }
 }
 
-// ---- frame boundary ----
 
 // Everything of the frame runs before the boundary returns, in order; last
 // frame's fence goes on the app thread before the worker makes the new one;
@@ -636,10 +594,9 @@ TEST_F(ManagerTest, BoundaryWithoutOffloadOnlyCounts) {
     EXPECT_TRUE(support::logLines().empty());
 }
 
-// ---- stop and restart ----
 
 TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
-    App app;
+    App app, other;
     onThread("app-render", [&] {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
@@ -682,12 +639,28 @@ TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
                   std::string("app:eglMakeCurrent(D,0,0,0) ") + kPlaceholderBinding + " " + kWorkerBinding +
                       " worker:eglCreateSyncKHR(D,30f9,0)");
         EXPECT_EQ(support::countLog("KAMWorker started -> app-render", ANDROID_LOG_DEBUG), 1);
+
+        // Making current what is current already only puts the placeholder
+        // back; another context is logged as a change, and the offloaded one
+        // stays attached until the platform has drained and released it.
+        fake::reset();
+        support::clearLog();
+        EXPECT_TRUE(manager->makeCurrentPre(app.handle(), &app.draw));
+        manager->makeCurrentPost(app.handle());
+        expectState(k, 1);
+        EXPECT_EQ(trace(), kPlaceholderBinding);
+        EXPECT_EQ(support::countLog("EGLContext is changed"), 0);
+        manager->makeCurrentPre(other.handle(), &other.draw);
+        EXPECT_EQ(support::exactLog(format("<app-render> EGLContext is changed tls_ctx=%p", app.handle()) +
+                                        format(" set_ctx=%p", other.handle()), ANDROID_LOG_DEBUG), 1);
+        EXPECT_EQ(other.kam(), nullptr);  // the process's worker is taken
+        EXPECT_EQ(__tls->mContext, k);
+        EXPECT_EQ(k->mTls.promote(), nullptr);
         release(app);
     });
     EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
 }
 
-// ---- context destroyed under an offloaded thread ----
 
 // By the owning thread or another: the thread is detached and passes
 // through from then on; the placeholder context, then its surface, go on

@@ -15,6 +15,15 @@
 #include "runtime/KAMManager.h"
 #include "runtime/KAMThreadLocal.h"
 
+namespace {
+std::atomic<int> gSyncPosts{0};
+std::atomic<bool> gTracing{false};
+std::atomic<size_t> gMemalignFailsFrom{SIZE_MAX};
+std::mutex gLogLock;
+std::vector<support::LogLine> gLog;
+alignas(64) unsigned char gPointee[1 << 16];
+}  // namespace
+
 extern "C" {
 // The fake platform's GL slot; the layer writes it on attach and detach.
 __attribute__((visibility("default"))) __thread void* kam_platform_gl_slot = nullptr;
@@ -26,17 +35,11 @@ __attribute__((visibility("default"))) int __android_log_print(int prio, const c
     va_start(ap, fmt);
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-    support::LogLine line{prio, tag ? tag : "", text};
-    if (getenv("KAM_TEST_LOG")) fprintf(stderr, "%s %d %s\n", line.tag.c_str(), prio, text);
-    extern void kamTestAppendLog(support::LogLine);
-    kamTestAppendLog(std::move(line));
+    if (getenv("KAM_TEST_LOG")) fprintf(stderr, "%s %d %s\n", tag ? tag : "", prio, text);
+    std::lock_guard<std::mutex> guard(gLogLock);
+    gLog.push_back({prio, tag ? tag : "", text});
     return 1;
 }
-}
-
-namespace {
-std::atomic<int> gSyncPosts{0};
-std::atomic<bool> gTracing{false};
 }
 
 // The host's libcutils never enables a tag; the program's definitions win.
@@ -46,10 +49,6 @@ __attribute__((visibility("default"))) uint64_t atrace_get_enabled_tags() {
 }
 __attribute__((visibility("default"))) void atrace_begin_body(const char*) { gSyncPosts.fetch_add(1); }
 __attribute__((visibility("default"))) void atrace_end_body() {}
-}
-
-namespace {
-std::atomic<size_t> gMemalignFailsFrom{SIZE_MAX};
 }
 
 // This definition in the executable comes before the C library's for the whole process.
@@ -62,30 +61,13 @@ extern "C" __attribute__((visibility("default"))) void* memalign(size_t alignmen
 support::MemalignFails::MemalignFails(size_t from) { gMemalignFailsFrom.store(from); }
 support::MemalignFails::~MemalignFails() { gMemalignFailsFrom.store(SIZE_MAX); }
 
-namespace {
-std::mutex gLogLock;
-std::vector<support::LogLine> gLog;
-alignas(64) unsigned char gPointee[1 << 16];
-}  // namespace
-
-void kamTestAppendLog(support::LogLine line) {
-    std::lock_guard<std::mutex> guard(gLogLock);
-    gLog.push_back(std::move(line));
-}
-
 namespace support {
 
 void* noContextTable[fake::kGlTableSize];
 
-std::vector<LogLine> logLines() {
-    std::lock_guard<std::mutex> guard(gLogLock);
-    return gLog;
-}
+std::vector<LogLine> logLines() { std::lock_guard<std::mutex> guard(gLogLock); return gLog; }
 
-void clearLog() {
-    std::lock_guard<std::mutex> guard(gLogLock);
-    gLog.clear();
-}
+void clearLog() { std::lock_guard<std::mutex> guard(gLogLock); gLog.clear(); }
 
 int countLog(const std::string& fragment, int priority) {
     int n = 0;

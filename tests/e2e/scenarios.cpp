@@ -19,7 +19,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -502,20 +501,6 @@ struct Scenario {
 const Scenario kScenarios[] = {
     {"destroy-from-owner", true, {"D KAMContext is released EGLContext=", "D version=3"}, {"is stopped"}, "lc-owner",
      [](EGLContext &c, EGLSurface &s) { until_offloaded(s) && (eglDestroyContext(gP.dpy, c), after_destroyed(c, s), true); }, nullptr, 0},
-    {"destroy-from-other-thread", true, {"D KAMContext is released EGLContext="}, {"is stopped"}, nullptr, nullptr, [] {
-         std::promise<EGLContext> victim;
-         std::promise<void> destroyed;
-         std::thread killer([&] {
-             EGLContext c = victim.get_future().get();
-             if (c != EGL_NO_CONTEXT) eglDestroyContext(gP.dpy, c);
-             destroyed.set_value();
-         });
-         with_context("lc-victim", [&](EGLContext &c, EGLSurface &s) {
-             if (!until_offloaded(s)) return victim.set_value(EGL_NO_CONTEXT);
-             victim.set_value(c), destroyed.get_future().wait(), after_destroyed(c, s);
-         });
-         killer.join();
-     }, 0},
     {"thread-exits-while-attached", true, {"D onThreadReleased:[<lc-exit>,", "D KAMContext is released EGLContext="}, {"is stopped"},
      nullptr, nullptr, [] {
          EGLContext c = EGL_NO_CONTEXT;
