@@ -117,6 +117,7 @@ def main():
     ap.add_argument("--seed", type=int, default=11, help="sampling seed (default 11)")
     ap.add_argument("--e2e", default="", help="also run the ctest e2e tests matching this regex per mutant")
     ap.add_argument("--work", default=None, help="work directory (default build-mutate/)")
+    ap.add_argument("--files", default="", help="only sites in files matching this regex (all of them unless --count is smaller)")
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--timeout", type=int, default=180, help="seconds per test run (a hang counts as killed)")
     args = ap.parse_args()
@@ -125,7 +126,7 @@ def main():
     work = os.path.abspath(args.work or os.path.join(root, "build-mutate"))
     tree, build = os.path.join(work, "src"), os.path.join(work, "build")
 
-    sites = candidate_sites(root)
+    sites = [s for s in candidate_sites(root) if re.search(args.files, s[0])]
     rng = random.Random(args.seed)
     sample = sorted(rng.sample(sites, min(args.count, len(sites))), key=lambda s: (s[0], s[1]))
     print("mutate: %d candidate sites, %d sampled (seed %d)" % (len(sites), len(sample), args.seed), flush=True)

@@ -340,50 +340,6 @@ TEST_F(ManagerTest, PbuffersAreNeverMeasured) {
     EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);
 }
 
-// One worker per process: a second context gets none while the first has
-// one (attached elsewhere or measured side by side), and only the owner's
-// destruction gives the process's worker back.
-TEST_F(ManagerTest, OnlyOneContextAtATimeOwnsAWorker) {
-    for (bool sideBySide : {false, true}) {
-        SCOPED_TRACE(sideBySide ? "measured side by side" : "one after the other");
-        App first, second;
-        if (sideBySide) {
-            onThread("second-render", [&] {
-                manager->makeCurrentPre(second.handle(), &second.draw);
-                manager->makeCurrentPost(nullptr);
-            });
-            ASSERT_NE(second.kam(), nullptr);
-        }
-        onThread("first-render", [&] {
-            manager->makeCurrentPre(first.handle(), &first.draw);
-            framesUntilWorker();
-            manager->makeCurrentPost(nullptr);
-        });
-        ASSERT_NE(first.kam()->mWorker, nullptr);
-        EXPECT_TRUE(manager->mWorkerRunning.load());
-        onThread("second-render", [&] {
-            manager->makeCurrentPre(second.handle(), &second.draw);
-            framesUntilWorker();
-            ASSERT_NE(__tls, nullptr);
-            EXPECT_EQ(__tls->mContext, sideBySide ? second.kam() : nullptr);
-            manager->makeCurrentPost(nullptr);
-        });
-        EXPECT_EQ(second.kam() != nullptr, sideBySide);
-        if (sideBySide) { EXPECT_EQ(second.kam()->mWorker, nullptr); }
-        second.context.kamContext.clear();
-        EXPECT_TRUE(manager->mWorkerRunning.load());
-        first.context.kamContext.clear();
-        EXPECT_FALSE(manager->mWorkerRunning.load());
-        EXPECT_EQ(support::countLog("Releasing a EGLContext"), 0);  // each was detached first
-        onThread("second-render", [&] {
-            manager->makeCurrentPre(second.handle(), &second.draw);
-            ASSERT_NE(second.kam(), nullptr);
-            EXPECT_EQ(__tls->mContext, second.kam());
-            release(second);
-        });
-    }
-}
-
 TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadAtTheFirstBoundaryThatCan) {
     App app;
     onThread("app-render", [&] {
@@ -426,9 +382,14 @@ TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadAtTheFirstBoundar
         }
         failRelease = false;
         fake::reset();
+        // Each unpack value the driver holds is its name: each lands in its own field.
+        fake::setHandler("glGetIntegerv", [](const fake::Call& c) { return *fake::fromBits<GLint*>(c.args[1]) = GLint(c.args[0]), 0; });
         frame();
         expectState(k, 1);
         EXPECT_TRUE(loader->mEglSwitched);
+        const Params& p = k->mParams;
+        EXPECT_EQ(std::vector<GLint>({p.mUnpackAlignment, p.mUnpackRowLength, p.mUnpackImageHeight, p.mUnpackSkipPixels, p.mUnpackSkipRows, p.mUnpackSkipImages}),
+                  std::vector<GLint>({GL_UNPACK_ALIGNMENT, GL_UNPACK_ROW_LENGTH, GL_UNPACK_IMAGE_HEIGHT, GL_UNPACK_SKIP_PIXELS, GL_UNPACK_SKIP_ROWS, GL_UNPACK_SKIP_IMAGES}));
         // The unpack state is read while the thread still has the real
         // context; then the thread lets go of it for the placeholder, and the
         // worker takes it.

@@ -348,21 +348,8 @@ void elements(Scene &s, uint32_t f, Sum &) {
     std::memset(idx, 0xFF, sizeof idx), glDisableVertexAttribArray(0), glDisableVertexAttribArray(1);
 }
 
-// A read-back into client memory with pack state, filled first so that what
-// the read must leave alone (row padding, skipped pixels) is checked too.
-void reads(Scene &, uint32_t f, Sum &sum) {
-    static const GLenum kNames[4] = {GL_PACK_ALIGNMENT, GL_PACK_ROW_LENGTH, GL_PACK_SKIP_PIXELS, GL_PACK_SKIP_ROWS};
-    const GLint v[4] = {1 << (f % 4), 9 + static_cast<GLint>(f % 3), static_cast<GLint>(f % 2), static_cast<GLint>(f % 3)};
-    for (int i = 0; i < 4; ++i) glPixelStorei(kNames[i], v[i]);
-    const size_t row = static_cast<size_t>((v[1] * 4 + v[0] - 1) / v[0] * v[0]);
-    std::vector<uint8_t> b(static_cast<size_t>(v[3] + 4) * row + static_cast<size_t>(v[2] + 7) * 4, 0xA5);
-    glReadPixels(static_cast<GLint>(f * 37) % (gSize - 7), static_cast<GLint>(f * 53) % (gSize - 5), 7, 5, GL_RGBA, GL_UNSIGNED_BYTE, b.data());
-    sum.bytes(b.data(), b.size());
-    for (int i = 0; i < 4; ++i) glPixelStorei(kNames[i], i ? 0 : 4);
-}
-
 struct Row { const char *name; void (*run)(Scene &, uint32_t, Sum &); };
-const Row kRows[] = {{"uploads", uploads}, {"client-draws", client_draws}, {"maps", maps}, {"elements", elements}, {"reads", reads}};
+const Row kRows[] = {{"uploads", uploads}, {"client-draws", client_draws}, {"maps", maps}, {"elements", elements}};
 
 struct Options { bool lifecycle = false; long frames = 300, size = 64, toggle_every = 0; std::vector<const Row *> rows; };
 
