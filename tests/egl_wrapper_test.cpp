@@ -215,33 +215,34 @@ TEST_F(EglWrapperTest, FrameFenceIsHandedOverOnceOtherSyncsAreCreatedOnTheWorker
     }
 }
 
-TEST_F(EglWrapperTest, ErrorProbeAnswersTheCallerAndLogsTheWorkersError) {
-    const EGLint callerError = EGL_BAD_PARAMETER;
-    struct Row {
-        EGLint workerError;
-        int logged;
-    } rows[] = {{EGL_BAD_ALLOC, 1}, {EGL_SUCCESS, 0}, {EGL_BAD_SURFACE, 1}};
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.workerError);
+// The GL and the EGL error probe: the caller gets its own thread's error; the
+// worker's, asked behind everything posted, is logged with the item it ran
+// last (the culprit), unless there is none.
+TEST_F(EglWrapperTest, ErrorProbesAnswerTheCallerAndLogTheWorkersError) {
+    auto egl = [] { return uint64_t(kam_eglGetError_opt()); };
+    auto gl = [] { return uint64_t(kam_glGetError_opt()); };
+    const struct { const char* probe; uint64_t (*call)(); uint64_t callerError, workerError; bool logged; } rows[] = {
+        {"eglGetError", egl, EGL_BAD_PARAMETER, EGL_BAD_ALLOC, true}, {"eglGetError", egl, EGL_BAD_PARAMETER, EGL_SUCCESS, false},
+        {"eglGetError", egl, EGL_BAD_PARAMETER, EGL_BAD_SURFACE, true}, {"glGetError", gl, GL_INVALID_ENUM, GL_INVALID_OPERATION, true},
+        {"glGetError", gl, GL_INVALID_ENUM, GL_NO_ERROR, false}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::Message() << r.probe << " " << r.workerError);
         pthread_t worker = workerThread;
-        fake::setHandler("eglGetError", [worker, r, callerError](const fake::Call& c) -> uint64_t {
-            return static_cast<uint64_t>(pthread_equal(c.thread, worker) ? r.workerError : callerError);
-        });
+        fake::setHandler(r.probe, [worker, r](const fake::Call& c) { return pthread_equal(c.thread, worker) ? r.workerError : r.callerError; });
         fake::reset();
         support::clearLog();
-        // The item the worker finishes just before the probe names the culprit.
         active.worker()->post(new WorkItem("kam-test-culprit", [] {}), false);
-        EXPECT_EQ(kam_eglGetError_opt(), callerError);
+        EXPECT_EQ(r.call(), r.callerError);
         // The worker's probe is queued, not waited for: a worker still
         // looking for work may already have run it.
         active.drain();
-        const auto calls = fake::named(fake::calls(), "eglGetError");
+        const auto calls = fake::named(fake::calls(), r.probe);
         ASSERT_EQ(calls.size(), 2u);
         EXPECT_NE(onCaller(calls[0]), onCaller(calls[1]));
         char line[64];
-        snprintf(line, sizeof line, "kam-test-culprit eglGetError=0x%X", r.workerError);
-        EXPECT_EQ(support::countLog(line, ANDROID_LOG_ERROR), r.logged);
-        EXPECT_EQ(support::countLog("eglGetError="), r.logged);
+        snprintf(line, sizeof line, "kam-test-culprit %s=0x%X", r.probe, unsigned(r.workerError));
+        EXPECT_EQ(support::exactLog(line, ANDROID_LOG_ERROR), r.logged);
+        EXPECT_EQ(support::countLog(std::string(r.probe) + "="), r.logged);
     }
 }
 

@@ -1,5 +1,5 @@
-// Queries: answered from the context record, on the calling thread, on the
-// worker, or by the error probe.
+// Queries: answered from the context record, on the calling thread or on
+// the worker.
 
 #include <gtest/gtest.h>
 
@@ -81,21 +81,6 @@ TEST_F(QueryTest, EachQueryUsesItsTableOnItsThread) {
             expectOne(r.name, [&] { r.plain(GL_VIEWPORT); }, true, false);
         }).join();
     }
-}
-
-TEST_F(QueryTest, ErrorProbeReturnsTheCallersErrorAndLogsTheWorkersOnce) {
-    fake::setHandler("glGetError", [this](const fake::Call& c) -> uint64_t {
-        return pthread_equal(c.thread, worker) ? GL_INVALID_OPERATION : GL_INVALID_ENUM;
-    });
-    kam_glUniform1f_opt(4, 1.0f);
-    EXPECT_EQ(kam_glGetError_opt(), static_cast<GLenum>(GL_INVALID_ENUM));
-    ctx.drain();
-    EXPECT_EQ(support::countLog("glUniform1f glGetError=0x502", ANDROID_LOG_ERROR), 1);
-    fake::clearHandlers();  // no error on the worker: nothing logged
-    support::clearLog();
-    kam_glGetError_opt();
-    ctx.drain();
-    EXPECT_EQ(support::countLog("glGetError="), 0);
 }
 
 }  // namespace
