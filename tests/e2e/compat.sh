@@ -4,8 +4,9 @@
 # screen: stop the render thread (libkam-stop-frame.so) once OFFLOADED frames
 # went through the worker, and compare the X server's image with the direct
 # run's on the same frame; running: the same, not compared (clock-animated);
-# retrace: compare the MD5 of every snapshot of eglretrace replaying an
-# apitrace recording, directly and through kam-run (paced until enough ran offloaded).
+# retrace: compare the MD5 of every snapshot (that two direct replays agree
+# on) of eglretrace replaying an apitrace recording, directly and through
+# kam-run (paced until enough ran offloaded).
 set -uo pipefail
 row=$1 build=$(cd "$2" && pwd)
 # Images of the root window: a private server, whatever DISPLAY says.
@@ -102,11 +103,20 @@ case "$method" in
     [[ -s $out/t.trace ]] || fail "no trace recorded: $(tail -5 "$out/record.log")"
     # waffle picks GLX unless told: the replay must reach EGL and the layer.
     export WAFFLE_PLATFORM=x11_egl
-    eglretrace -s - --snapshot-format=MD5 "$out/t.trace" >"$out/direct.txt" 2>"$out/direct.log" \
-      || fail "eglretrace without the layer failed: $(tail -5 "$out/direct.log")"
-    md5s "$out/direct.txt" >"$out/direct.md5"
+    # Replayed directly twice: a snapshot the driver itself does not repeat is
+    # left out ("unstable"). Mesa shows eglretrace's first frame from a buffer
+    # nothing was drawn into yet, and which heap bytes it holds depends on the
+    # run (a cold shader cache changes them): only the first frames may be so.
+    for run in direct direct2; do
+      eglretrace -s - --snapshot-format=MD5 "$out/t.trace" >"$out/$run.txt" 2>"$out/$run.log" \
+        || fail "eglretrace without the layer failed: $(tail -5 "$out/$run.log")"
+    done
+    unstable=$(md5s "$out/direct.txt" | paste -d' ' - <(md5s "$out/direct2.txt") | awk '$1 != $2 {printf "%d ", NR - 1}')
+    masked() { md5s "$1" | awk -v u=" $unstable" 'index(u, " " NR - 1 " ") {$0 = "unstable"} 1'; }
+    masked "$out/direct.txt" >"$out/direct.md5"
     frames=$(wc -l <"$out/direct.md5")
     ((frames > OFFLOADED && $(sort -u "$out/direct.md5" | wc -l) > 1)) || fail "the trace has $frames frames, all alike"
+    [[ $unstable =~ ^([0-4] )*$ ]] || fail "the direct replay does not repeat its snapshots of frames $unstable"
     # The frame-rate meter needs seconds of frames: paced, slower until enough ran offloaded.
     for pace in 20000 40000 80000 160000; do
       "$build/kam-run" --verbose stdbuf -oL eglretrace --min-frame-duration=$pace -s - --snapshot-format=MD5 \
@@ -115,11 +125,11 @@ case "$method" in
       ((offloaded >= OFFLOADED)) && break
     done
     ((offloaded >= OFFLOADED)) || fail "only $offloaded of $frames frames ran offloaded"
-    md5s "$out/kam.txt" | diff -q - "$out/direct.md5" >/dev/null \
-      || fail "snapshots differ through the layer at frames $(md5s "$out/kam.txt" | paste -d' ' - "$out/direct.md5" |
+    masked "$out/kam.txt" | diff -q - "$out/direct.md5" >/dev/null \
+      || fail "snapshots differ through the layer at frames $(masked "$out/kam.txt" | paste -d' ' - "$out/direct.md5" |
            awk '$1 != $2 {printf "%d ", NR - 1}' | head -c 200)($(md5s "$out/kam.txt" | wc -l) snapshots through the layer,\
  $frames directly, the last $offloaded offloaded)"
-    echo "$row: $offloaded of $frames frames offloaded, every snapshot identical"
+    echo "$row: $offloaded of $frames frames offloaded, every snapshot identical${unstable:+ (frames ${unstable% } left out: not repeated directly)}"
     ;;
 esac
 echo "PASS: $row"
