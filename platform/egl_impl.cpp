@@ -655,9 +655,18 @@ EGLBoolean makeCurrentWithHooks(EGLDisplay dpy, EGLSurface draw, EGLSurface read
         offloaded->mWorker->postSync([] {}, "eglMakeCurrent");
         if (android::attachedContext() == offloaded) KAMManager::INSTANCE->makeCurrentPost(nullptr);
     }
+    const bool workerBusy = KAMManager::INSTANCE->mWorkerRunning.load();
     EGLBoolean ok = tableEntry<kam_pfn_eglMakeCurrent>(android::kEgl_eglMakeCurrent)(dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT || record) KAMManager::INSTANCE->makeCurrentPost(record);
     if (ok && (ctx == EGL_NO_CONTEXT || record)) setAppContext(record);
+    // A program that destroys its current context and makes the next one
+    // current on the same window (one context per scene) lets the old one's
+    // worker go only here, after the layer was asked about the new one: the
+    // layer is asked again, or a context made current once would never be
+    // offloaded.
+    if (ok && record && workerBusy && !KAMManager::INSTANCE->mWorkerRunning.load() &&
+        static_cast<ContextRec*>(record)->kamContext == nullptr)
+        KAMManager::INSTANCE->makeCurrentPre(record, liveSurface(draw));
     return ok;
 }
 }  // namespace

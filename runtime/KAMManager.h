@@ -35,6 +35,9 @@ public:
     bool mClientArrays = false;
     std::atomic<bool> mNeedMTR{true};
     std::atomic<bool> mWorkerRunning{false};
+
+private:
+    void letGo(KAMContext* ctx, const char* label = "eglMakeCurrent");
 };
 
 }  // namespace android

@@ -90,6 +90,17 @@ bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
     if (eglContext != prev && prevK != nullptr) {
         KAM_LOGD("<%s> EGLContext is changed tls_ctx=%p set_ctx=%p", tls->mName.c_str(), prev, eglContext);
         prevK->mTls.clear();
+        // The worker keeps the offloaded context current, and with it its
+        // surfaces; EGL lets a surface be current on one thread only. A new
+        // context on one of them (a program that replaces its context on the
+        // same window) would be refused: the worker lets go first, and the
+        // previous context comes back idle if the thread returns to it.
+        PlatformContextRecord* prevRecord = contextRecord(prev);
+        if (prevK->mActive && drawSurface && (drawSurface == prevRecord->draw || drawSurface == prevRecord->read)) {
+            letGo(prevK.get());
+            tls->mActiveContext = nullptr;
+            KAM_LOGD("KAMWorker lets go of EGLContext=%p: set_ctx=%p takes its surface", prev, eglContext);
+        }
         // A context the layer does not shadow takes the thread away from the
         // previous one: left attached, the thread would feed that context's
         // meter with this one's frames and keep a pointer its destruction can
@@ -145,19 +156,26 @@ void KAMManager::startMTR(KAMContext* ctx, sp<KAMThreadLocal> tls) {
         "startMTR");
 }
 
-void KAMManager::stopMTR(KAMContext* ctx, sp<KAMThreadLocal> tls) {
-    if (!ctx->mActive) return;
+// The worker lets go of the real context once everything queued before has
+// run; the pending frame fence goes and offload is off for the context.
+void KAMManager::letGo(KAMContext* ctx, const char* label) {
     EGLDisplay display = ctx->mDisplay;
     ctx->mWorker->postSync([&] { KAM_EGL(eglMakeCurrent)(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT); },
-                           "stopMTR");
+                           label);
     if (ctx->mFrameFence != EGL_NO_SYNC_KHR) {
         KAM_EGL(eglDestroySyncKHR)(display, ctx->mFrameFence);
         ctx->mFrameFence = EGL_NO_SYNC_KHR;
     }
+    ctx->mActive = 0;
+}
+
+void KAMManager::stopMTR(KAMContext* ctx, sp<KAMThreadLocal> tls) {
+    if (!ctx->mActive) return;
+    EGLDisplay display = ctx->mDisplay;
+    letGo(ctx, "stopMTR");
     if (ctx->mPlaceholderContext != EGL_NO_CONTEXT)
         KAM_EGL(eglMakeCurrent)(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
     tls->mActiveContext = nullptr;
-    ctx->mActive = 0;
     PlatformContextRecord* record = contextRecord(ctx->mEglContext);
     if (KAM_EGL(eglMakeCurrent)(display, record->draw, record->read, ctx->mEglContext))
         KAM_LOGD("MTR <%s> is stopped EGLContext=%p", tls->mName.c_str(), ctx->mEglContext);

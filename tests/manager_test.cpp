@@ -603,7 +603,9 @@ TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
 
         // Making current what is current already only puts the placeholder
         // back; another context is logged as a change, and the offloaded one
-        // stays attached until the platform has drained and released it.
+        // stays attached until the platform has drained and released it,
+        // unless the other one takes a surface the worker holds: the worker
+        // lets go of it first, and the thread is detached.
         fake::reset();
         support::clearLog();
         EXPECT_TRUE(manager->makeCurrentPre(app.handle(), &app.draw));
@@ -611,11 +613,20 @@ TEST_F(ManagerTest, PlatformStopsAndRestartsOffloadAtFrameBoundaries) {
         expectState(k, 1);
         EXPECT_EQ(trace(), kPlaceholderBinding);
         EXPECT_EQ(support::countLog("EGLContext is changed"), 0);
-        manager->makeCurrentPre(other.handle(), &other.draw);
-        EXPECT_EQ(support::exactLog(format("<app-render> EGLContext is changed tls_ctx=%p", app.handle()) +
-                                        format(" set_ctx=%p", other.handle()), ANDROID_LOG_DEBUG), 1);
-        EXPECT_EQ(other.kam(), nullptr);  // the process's worker is taken
-        EXPECT_EQ(__tls->mContext, k);
+        for (PlatformSurfaceRecord* surface : {&other.draw, &app.read}) {
+            const bool taken = surface == &app.read;
+            fake::reset();
+            support::clearLog();
+            manager->makeCurrentPre(other.handle(), surface);
+            EXPECT_EQ(support::exactLog(format("<app-render> EGLContext is changed tls_ctx=%p", app.handle()) +
+                                            format(" set_ctx=%p", other.handle()), ANDROID_LOG_DEBUG), 1);
+            EXPECT_EQ(support::exactLog(format("KAMWorker lets go of EGLContext=%p", app.handle()) +
+                                            format(": set_ctx=%p takes its surface", other.handle()), ANDROID_LOG_DEBUG), taken);
+            EXPECT_EQ(other.kam(), nullptr);  // the process's worker is taken
+            EXPECT_EQ(__tls->mContext, taken ? nullptr : k);
+            EXPECT_EQ(k->mActive, !taken);
+            EXPECT_EQ(trace(), taken ? "worker:eglMakeCurrent(D,0,0,0) app:eglDestroySyncKHR(D,fe02)" : "");
+        }
         EXPECT_EQ(k->mTls.promote(), nullptr);
         release(app);
     });
