@@ -30,6 +30,7 @@ export SDL_VIDEO_X11_FORCE_EGL=1
 # row               | method  | program and arguments
 table=$(cat <<'EOF'
 testgles2           | screen  | $sdl/testgles2 --geometry 320x240
+testgles2_windows   | screen  | $sdl/testgles2 --windows 2 --geometry 320x240
 mpv                 | screen  | env MALLOC_PERTURB_=85 $mpv --scale=spline36 $still
 es2gears            | running | $es2gears
 retrace_testgles2   | retrace | $sdl/testgles2 --geometry 320x240
