@@ -228,6 +228,11 @@ TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
     kam_glUnmapBuffer_opt(GL_ARRAY_BUFFER);
     ctx.drain();
     for (const fake::Call& c : fake::calls()) EXPECT_EQ(c.name.find("glGetBufferParameter"), std::string::npos);
+    // A pixel-buffer read is mapped on the calling thread, which unbinds again when it lies outside.
+    makeBuffer(GL_PIXEL_PACK_BUFFER, 61);
+    fake::reset();
+    EXPECT_EQ(kam_glMapBufferRange_opt(GL_PIXEL_PACK_BUFFER, 0, 65, GL_MAP_READ_BIT), nullptr);
+    EXPECT_EQ(callsOn(self).back().args, (std::vector<uint64_t>{GL_PIXEL_PACK_BUFFER, 0}));
 }
 
 // A driver that refuses every real mapping: the application writes through
@@ -589,6 +594,8 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
         {"packed 5_6_5", 3, 2, 1, GL_RGB, GL_UNSIGNED_SHORT_5_6_5, {}, 14, 14},
         {"packed 4_4_4_4", 2, 2, 1, GL_RGBA, GL_UNSIGNED_SHORT_4_4_4_4, {}, 8, 8},
         {"depth and stencil", 3, 2, 1, GL_DEPTH_STENCIL, GL_UNSIGNED_INT_24_8, {}, 24, 24},
+        {"float depth and stencil", 3, 2, 1, GL_DEPTH_STENCIL, GL_FLOAT_32_UNSIGNED_INT_24_8_REV, {}, 48, 48},
+        {"depth and stencil in bytes is unsized", 3, 2, 1, GL_DEPTH_STENCIL, GL_UNSIGNED_BYTE, {}, 0, 0},
         {"half float", 2, 2, 1, GL_RGBA, GL_HALF_FLOAT, {}, 32, 32},
         {"unsized type", 3, 2, 1, GL_RGBA, k8888Rev, {}, 0, 0},
         {"depth GL_INT is unsized", 3, 2, 1, GL_DEPTH_COMPONENT, GL_INT, {}, 0, 0},
