@@ -51,7 +51,7 @@ void usage(FILE *out) {
                  "  --draws N         draw calls per frame (default 2000)\n"
                  "  --size WxH        window size (default 640x480)\n"
                  "  --work-us N       simulated game-logic CPU work per frame, in microseconds (default 0)\n"
-                 "  --toggle-every K  every K frames call kam_platform_update_mtr(0/1) if the layer exports it\n"
+                 "  --toggle-every K  every K frames once offloaded, call kam_platform_update_mtr(0/1) if the layer exports it\n"
                  "  --until-offloaded N  through the layer: render until N frames were offloaded (over at least\n"
                  "                    a second), instead of --frames (an error if offload has not started after 60 seconds)\n"
                  "  --warmup N        without offload: frames left out of the steady figures (default 60)\n"
@@ -228,7 +228,7 @@ int main(int argc, char **argv) {
     // Offloaded for at least a second as well: the layer's once-a-second
     // statistics line has then been printed, whatever the frame rate.
     double offloaded_since = 0;
-    long frame = 0;
+    long frame = 0, first_offloaded = -1;
     for (;; ++frame) {
         if (opt.until_offloaded > 0 ? offloaded_frames >= opt.until_offloaded &&
                                           clock_seconds(CLOCK_MONOTONIC) - offloaded_since >= 1.0
@@ -239,11 +239,16 @@ int main(int argc, char **argv) {
             ok = false;
             break;
         }
-        if (update_mtr && frame > 0 && frame % opt.toggle_every == 0) {
+        const bool offloaded = thread_offloaded() == 1;
+        if (offloaded && first_offloaded < 0) first_offloaded = frame;
+        // Switched only once offload has been active: starting it takes the
+        // meter seconds of steady frames, which a switch every K frames from
+        // the first would never leave a slow (sanitized) run.
+        if (update_mtr && first_offloaded >= 0 && frame > first_offloaded &&
+            (frame - first_offloaded) % opt.toggle_every == 0) {
             update_mtr(toggles % 2);
             ++toggles;
         }
-        const bool offloaded = thread_offloaded() == 1;
         const bool steady = offloaded || (thread_offloaded() < 0 && frame >= opt.warmup);
         if (offloaded && worker == 0 && (worker = find_worker_thread()) != 0) worker_at = thread_cpu_seconds(worker);
         if (offloaded && offloaded_since == 0) offloaded_since = clock_seconds(CLOCK_MONOTONIC);

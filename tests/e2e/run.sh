@@ -31,8 +31,8 @@ kam_opts=--verbose
 case "$test_name" in
   demo_png | demo_toggle)
     # Through the layer until frames went through the worker for a second (a
-    # statistics line); demo_toggle switches offload every 100 frames through
-    # the platform's updateMTR, and 300 offloaded frames take three phases on.
+    # statistics line); demo_toggle switches offload every 100 frames, once it
+    # was active, through updateMTR; 300 offloaded frames take three phases on.
     args=(--frames 500 --quiet) offloaded=30
     [[ $test_name == demo_toggle ]] && args+=(--toggle-every 100) offloaded=300
     "$build/kam-demo" "${args[@]}" --png "$out/direct.png" || fail "demo without the layer failed"
