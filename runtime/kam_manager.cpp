@@ -98,7 +98,6 @@ bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
         PlatformContextRecord* prevRecord = contextRecord(prev);
         if (prevK->mActive && drawSurface && (drawSurface == prevRecord->draw || drawSurface == prevRecord->read)) {
             letGo(prevK.get());
-            tls->mActiveContext = nullptr;
             KAM_LOGD("KAMWorker lets go of EGLContext=%p: set_ctx=%p takes its surface", prev, eglContext);
         }
         // A context the layer does not shadow takes the thread away from the
