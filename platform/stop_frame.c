@@ -1,4 +1,4 @@
-// Preloaded by tests/e2e/compat.sh: blocks the render thread for good on a
+// Preloaded by kam-compare: blocks the render thread for good on a
 // presented frame, which the direct run (animated by frame number) reproduces:
 // KAM_STOP_OFFLOADED=N once N frames went through the layer's worker, or
 // KAM_STOP_FRAME=M; KAM_STOP_FILE then gets "frame=M offloaded=K".
