@@ -611,10 +611,10 @@ def arg_locals(e, seed, small=False):
     for k, p in enumerate(e.params):
         if p.is_pointer:
             lines.append("    %s v_%s = (%s)testPointer(%d);" % (p.type, p.name, p.type, seed + k))
-        elif small and p.type in ("GLint64", "GLint64EXT", "GLuint64", "GLuint64EXT"):
-            # Both halves carry bits: a command class that loses or swaps the
-            # high word (a 64-bit member after an odd number of words on
-            # 32-bit ARM) shows.
+        elif p.type in ("GLint64", "GLint64EXT", "GLuint64", "GLuint64EXT", "EGLTimeKHR", "EGLuint64KHR", "EGLnsecsANDROID"):
+            # Both halves carry bits: a wrapper or command class that loses or
+            # swaps the high word (a 64-bit member after an odd number of
+            # words on 32-bit ARM) shows.
             lines.append("    %s v_%s = (%s)0x%Xull;" % (p.type, p.name, p.type, 0xF0E0D0C080000001 + k * 0x0101010101010101))
         elif small and re.search(r"double|clampd", p.type, re.I):
             lines.append("    %s v_%s = (%s)%r;" % (p.type, p.name, p.type, 1.0 + (k + 1) * 2.0 ** -45))

@@ -112,19 +112,6 @@ TEST_F(EglWrapperTest, EachKindRunsWhereItBelongs) {
     EXPECT_GT(ran, 70);
 }
 
-// The swap is queued behind the frame's commands; a presentation time keeps
-// all 64 bits on the way.
-TEST_F(EglWrapperTest, SwapIsQueuedBehindTheFramesCommands) {
-    fake::aliasThread(workerThread, "worker");
-    kam_glActiveTexture_opt(0x84C3);
-    EXPECT_EQ(kam_eglPresentationTimeANDROID_opt(kDisplay, kDraw, static_cast<EGLnsecsANDROID>(0x123456789ABCDEF0ull)), EGL_TRUE);
-    kam_eglSwapBuffers_opt(kDisplay, kDraw);
-    active.drain();
-    EXPECT_EQ(fake::trace(), "worker:glActiveTexture(84c3) worker:eglPresentationTimeANDROID(d15,d4a,123456789abcdef0) "
-                             "worker:eglSwapBuffers(d15,d4a)");
-    fake::clearAliases();
-}
-
 // Offloading, the current binding is the record's, with no driver call (not
 // even an error set on the side); attached but idle (the placeholder is not
 // current), it is the driver's.
