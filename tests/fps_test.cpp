@@ -23,16 +23,9 @@ uint32_t gNowMs = 0;
 // closed period at a rounded 8 fps or more and starts at the third in a row.
 TEST(FpsMeterTest, OneCallFromAState) {
     const uint32_t kWrap = UINT32_MAX - 499;  // 500 ms before the counter wraps
-    const struct Row {
-        const char* what;
-        uint32_t lastMs, frames;
-        int32_t hits;
-        uint32_t now;
-        bool updated, detected;  // what each phase returns
-        int fps;
-        uint32_t framesAfter, lastAfter;
-        int32_t detectHitsAfter;
-    } rows[] = {
+    // updated, detected: what each phase returns.
+    const struct Row { const char* what; uint32_t lastMs, frames; int32_t hits; uint32_t now; bool updated, detected; int fps;
+                       uint32_t framesAfter, lastAfter; int32_t detectHitsAfter; } rows[] = {
         {"the first call only opens the period", 0, 0, 2, 5000, false, false, 0, 1, 5000, 2},
         {"an open period grows", 5000, 1, 2, 5999, false, false, 0, 2, 5000, 2},
         {"a period closes at one second, its opening frame in it", 5000, 2, 1, 6000, true, false, 3, 0, 6000, 0},

@@ -203,10 +203,7 @@ TEST_F(ManagerTest, InitArgumentTokensAndLoaderFaults) {
         EXPECT_EQ(support::exactLog(std::string("initMTR proc.name ") + (enabled ? "1" : "0") + " args=" + args +
                                         " debuggable=" + (debuggable ? "1" : "0"), ANDROID_LOG_DEBUG), 1);
     };
-    const struct {
-        const char* args;
-        bool debuggable, clientArrays, enabled;
-    } rows[] = {
+    const struct { const char* args; bool debuggable, clientArrays, enabled; } rows[] = {
         {"", false, false, true},     {"", true, false, true},      {"1", false, true, true},
         {"1", true, true, true},      {"0|1", true, false, false},  {"0|1", false, false, true},
         {"1|1", true, true, false},   {"1|1", false, true, true},   {"|1", true, false, false},
@@ -406,10 +403,7 @@ TEST_F(ManagerTest, WorkerStartsAfterThreeGoodPeriodsAndOffloadAtTheFirstBoundar
 // the worker lets go of its EGL state before it is joined.
 TEST_F(ManagerTest, NoPlaceholderOrArenaKeepsOffloadOff) {
     const size_t kArenaBlock = 0x2000000;
-    const struct {
-        const char *failing, *message, *tried, *destroyed;
-        size_t memalignFailsFrom;
-    } rows[] = {
+    const struct { const char *failing, *message, *tried, *destroyed; size_t memalignFailsFrom; } rows[] = {
         // A true result is needed as well as a config, and a config as well as a true result.
         {"eglChooseConfig", "eglChooseConfig failed", "", "", SIZE_MAX},
         {"", "eglChooseConfig failed", "", "", SIZE_MAX},

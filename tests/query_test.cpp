@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "kam_wrappers.h"
-#include "runtime/KAMLog.h"
 #include "runtime/KAMThreadLocal.h"
 #include "support.h"
 

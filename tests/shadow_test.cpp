@@ -16,9 +16,7 @@
 #include "kam_wrappers.h"
 #include "recording/Record.h"
 #include "runtime/KAMLog.h"
-#include "runtime/KAMThreadLocal.h"
 #include "shadow/Bindings.h"
-#include "shadow/ClientArray.h"
 #include "shadow/GLCaches.h"
 #include "shadow/TexSize.h"
 #include "support.h"
@@ -201,10 +199,7 @@ TEST_F(BindingsTest, EveryDrawSeesWhatItsMappingsWrote) {
 TEST_F(BindingsTest, RangesOutsideTheBufferGetTheDriversAnswer) {
     makeBuffer(GL_ARRAY_BUFFER, 60);
     const uint64_t before = bindings().allocatedBytes;
-    const struct {
-        GLintptr offset;
-        GLsizeiptr length;
-    } cases[] = {{0, 65}, {0x70000000, 16}, {-1, 8}, {60, 8}, {8, 0}, {8, -8}, {0, 64}, {16, 48}, {63, 1}, {0, 65}};
+    const struct { GLintptr offset; GLsizeiptr length; } cases[] = {{0, 65}, {0x70000000, 16}, {-1, 8}, {60, 8}, {8, 0}, {8, -8}, {0, 64}, {16, 48}, {63, 1}, {0, 65}};
     for (const auto& tc : cases) {
         SCOPED_TRACE(::testing::Message() << tc.offset << " + " << tc.length);
         const bool served = tc.offset >= 0 && tc.length >= 1 && tc.offset + tc.length <= 64;
@@ -303,12 +298,8 @@ enum VaoOp { kBindVao, kBindVaoOes, kBindElements, kDeleteVao, kDeleteVaoOes, kD
 // an element buffer; the driver is asked once about a vertex array made
 // before the context was attached (vertex array 2).
 TEST_F(BindingsTest, ElementBufferFollowsTheVertexArray) {
-    const struct {
-        const char* name;
-        std::vector<std::pair<VaoOp, int>> ops;  // vertex arrays by index (-1: the default), buffers by name
-        bool indicesAreOffset;
-        int driverAsks;
-    } cases[] = {
+    // ops: vertex arrays by index (-1: the default), buffers by name.
+    const struct { const char* name; std::vector<std::pair<VaoOp, int>> ops; bool indicesAreOffset; int driverAsks; } cases[] = {
         {"kept by its vertex array while the default one drops it",
          {{kBindVao, 0}, {kBindElements, 5}, {kBindVao, -1}, {kBindElements, 0}, {kBindVao, 0}}, true, 0},
         {"the default one's buffer is not the drawn one's", {{kBindElements, 5}, {kBindVao, 0}}, false, 0},
@@ -362,10 +353,8 @@ TEST_F(BindingsTest, ElementBufferFollowsTheVertexArray) {
 // or referenced ones stay (on a Bindings of its own, worker halves inline).
 TEST(TrimTest, OnlyIdleBlocksAboveTheThresholdGo) {
     support::initLayer();
-    const struct {
-        uint32_t big, now;  // a block of `big` bytes and one of 64, used at frame 1000
-        size_t left;
-    } rows[] = {{16000000 - 64, 2000, 2}, {16000000 - 63, 1100, 0}, {16000000 - 63, 1099, 2}, {16000000, 1100, 2}};
+    // A block of `big` bytes and one of 64, used at frame 1000.
+    const struct { uint32_t big, now; size_t left; } rows[] = {{16000000 - 64, 2000, 2}, {16000000 - 63, 1100, 0}, {16000000 - 63, 1099, 2}, {16000000, 1100, 2}};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.now);
         Bindings b;
@@ -390,11 +379,7 @@ TEST(TrimTest, OnlyIdleBlocksAboveTheThresholdGo) {
 // from the pool, which each boundary refills. The shadow knows a vertex
 // array, as the driver does, once it is bound.
 TEST_F(NamePoolTest, GenerateServedByThePoolOrTheWorker) {
-    const struct {
-        bool afterBoundary;
-        GLsizei n;
-        bool clientMemory, worker;
-    } rows[] = {{false, 2, true, true}, {true, 3, true, false},   {true, 1, true, false},       {true, 9, true, true},
+    const struct { bool afterBoundary; GLsizei n; bool clientMemory, worker; } rows[] = {{false, 2, true, true}, {true, 3, true, false},   {true, 1, true, false},       {true, 9, true, true},
                 {true, 8, true, false}, {true, -1, true, false}, {true, INT_MIN, true, false}, {true, 1, false, true}};
     for (const auto& r : rows)
         for (auto gen : {kam_glGenVertexArrays_opt, kam_glGenTransformFeedbacks_opt}) {
@@ -434,15 +419,9 @@ std::vector<uint8_t> indexBytes(GLenum type, const std::vector<uint32_t>& indice
 // right after; attribute calls the GL rejects point at memory that faults.
 TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
     const GLenum US = GL_UNSIGNED_SHORT, UI = GL_UNSIGNED_INT, UB = GL_UNSIGNED_BYTE;
-    const struct {
-        GLint size;
-        GLenum attribType;
-        GLsizei stride;
-        GLenum indexType;  // 0: glDrawArrays(first 2) of `vertices` vertices
-        std::vector<uint32_t> indices;
-        size_t vertices;
-        bool restart = false, range = false;
-    } cases[] = {
+    // Index type 0: glDrawArrays(first 2) of `vertices` vertices.
+    const struct { GLint size; GLenum attribType; GLsizei stride; GLenum indexType; std::vector<uint32_t> indices; size_t vertices;
+                   bool restart = false, range = false; } cases[] = {
         {3, GL_FLOAT, 20, US, {0, 2, 1}, 3}, {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
         {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true}, {2, UB, 7, UB, {4, 1}, 5},
         {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3}, {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
@@ -494,9 +473,7 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
 // buffer, are drawn while the caller waits, after the attributes an earlier
 // draw left on copies get the caller's pointers back.
 TEST_F(ClientArrayTest, DrawsThatCopyNoVertexData) {
-    const struct {
-        bool clientArrays, elementBuffer, disable, offsetPointer, waits;
-    } cases[] = {{false, false, false, false, true}, {true, true, false, false, true}, {true, false, true, false, false},
+    const struct { bool clientArrays, elementBuffer, disable, offsetPointer, waits; } cases[] = {{false, false, false, false, true}, {true, true, false, false, true}, {true, false, true, false, false},
                  {true, false, false, true, false}};
     std::vector<uint8_t> data(64, 0x3C);
     const GLushort idx[] = {0, 2, 1};
@@ -569,13 +546,7 @@ using Store = std::pair<GLenum, GLint>;
 // and 8. Offsets into bound buffers are recorded as they are.
 TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
     const long long kHuge = LLONG_MAX;
-    const struct {
-        const char* what;
-        int w, h, d;
-        GLenum format, type;
-        std::vector<Store> stores;
-        long long bytes2D, bytes3D;
-    } rows[] = {
+    const struct { const char* what; int w, h, d; GLenum format, type; std::vector<Store> stores; long long bytes2D, bytes3D; } rows[] = {
         {"plain", 4, 4, 2, GL_RGBA, GL_UNSIGNED_BYTE, {}, 64, 128},
         {"alignment 1", 3, 2, 1, GL_RGB, GL_UNSIGNED_BYTE, {{GL_UNPACK_ALIGNMENT, 1}}, 18, 18},
         {"alignment 2", 3, 2, 1, GL_RGB, GL_UNSIGNED_BYTE, {{GL_UNPACK_ALIGNMENT, 2}}, 19, 19},
@@ -616,11 +587,8 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
         {"everything at the maximum", INT_MAX, INT_MAX, INT_MAX, GL_RGBA, GL_FLOAT, {}, kHuge, kHuge},
     };
     using Upload = std::function<void(int, int, int, GLenum, GLenum, const void*)>;
-    const struct {
-        const char* name;
-        int dims;  // 2, 3, or 0 for a read into the caller's memory, never copied
-        Upload upload;
-    } uploads[] = {
+    // dims: 2, 3, or 0 for a read into the caller's memory, never copied.
+    const struct { const char* name; int dims; Upload upload; } uploads[] = {
         {"glTexImage2D", 2, [](int w, int h, int, GLenum f, GLenum t, const void* p) { kam_glTexImage2D_opt(GL_TEXTURE_2D, 0, GL_RGBA, w, h, 0, f, t, p); }},
         {"glTexSubImage2D", 2, [](int w, int h, int, GLenum f, GLenum t, const void* p) { kam_glTexSubImage2D_opt(GL_TEXTURE_2D, 0, 1, 1, w, h, f, t, p); }},
         {"glTexImage3D", 3, [](int w, int h, int d, GLenum f, GLenum t, const void* p) { kam_glTexImage3D_opt(GL_TEXTURE_3D, 0, GL_RGBA, w, h, d, 0, f, t, p); }},
