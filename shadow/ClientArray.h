@@ -17,6 +17,9 @@ public:
     GLint size = 0;
     GLenum type = 0;
     GLboolean normalized = GL_FALSE;
+    // Set by glVertexAttribIPointer: the shader reads integers, and every
+    // pointer the worker is given for it goes through that call too.
+    bool integer = false;
     GLsizei stride = 0;
     const void* pointer = nullptr;
     // The vertex array bound when the pointer was set: the array it belongs to.

@@ -95,6 +95,16 @@ private:
     GLuint mBound;
 };
 
+// An integer attribute gets every pointer through its own call on the
+// worker too: glVertexAttribPointer would hand the shader floats.
+void recordPointer(KAMContext* c, bool integer, GLuint index, GLint size, GLenum type, GLboolean normalized,
+                   GLsizei stride, const void* pointer) {
+    if (integer)
+        kamRecord<glVertexAttribIPointer_Bridge>(c, index, size, type, stride, pointer);
+    else
+        kamRecord<glVertexAttribPointer_Bridge>(c, index, size, type, normalized, stride, pointer);
+}
+
 // Copies vertices first .. first + vertices - 1 of every live client array
 // into the arena, packed, and points the worker's attribute at the copy.
 // False when a copy cannot be made; the draw must then wait.
@@ -121,7 +131,7 @@ bool copyVertices(KAMContext* c, size_t first, size_t vertices) {
         }
         // The worker reads vertex first at the start of the copy.
         const void* base = reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(copy) - skipped);
-        kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, GLsizei(0), base);
+        recordPointer(c, a->integer, a->index, a->size, a->type, a->normalized, GLsizei(0), base);
         a->copied = true;
     }
     return true;
@@ -137,7 +147,7 @@ void drawNow(KAMContext* c, const char* label, F&& draw) {
         for (int slot = 0; slot < KAMContext::kAttribRecords; ++slot) {
             ClientArray* a = c->mAttribArrays[slot];
             if (a == nullptr || !a->copied) continue;
-            kamRecord<glVertexAttribPointer_Bridge>(c, a->index, a->size, a->type, a->normalized, a->stride, a->pointer);
+            recordPointer(c, a->integer, a->index, a->size, a->type, a->normalized, a->stride, a->pointer);
             a->copied = false;
         }
     }
@@ -200,30 +210,26 @@ bool indirectFromClient(KAMContext* c, const void* indirect) {
 
 // A call the GL rejects leaves the attribute as it was; the record must not
 // take its values either, or a later draw copies by them.
-bool attribAccepted(GLint size, GLenum type, GLsizei stride) {
+bool attribAccepted(GLint size, GLenum type, GLsizei stride, bool integer) {
     if (size < 1 || size > 4 || stride < 0) return false;
     switch (type) {
         case GL_BYTE: case GL_UNSIGNED_BYTE: case GL_SHORT: case GL_UNSIGNED_SHORT: case GL_INT:
-        case GL_UNSIGNED_INT: case GL_FLOAT: case GL_HALF_FLOAT: case GL_HALF_FLOAT_OES: case GL_FIXED:
+        case GL_UNSIGNED_INT:
             return true;
+        case GL_FLOAT: case GL_HALF_FLOAT: case GL_HALF_FLOAT_OES: case GL_FIXED:
+            return !integer;
         case GL_INT_2_10_10_10_REV: case GL_UNSIGNED_INT_2_10_10_10_REV:
-            return size == 4;
+            return size == 4 && !integer;
         default:
             return false;
     }
 }
 
-}  // namespace
-
-extern "C" {
-
-KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum type, GLboolean normalized,
-                                              GLsizei stride, const void* pointer) {
-    KAMContext* c = activeContext();
-    if (c == nullptr) return KAM_GL(glVertexAttribPointer)(index, size, type, normalized, stride, pointer);
-    // Tracked with or without emulation: without it, draws from client
-    // memory must wait for the worker.
-    if (index <= 16 && attribAccepted(size, type, stride)) {
+// Tracked with or without emulation: without it, draws from client memory
+// must wait for the worker.
+void setPointer(KAMContext* c, GLuint index, GLint size, GLenum type, GLboolean normalized, bool integer, GLsizei stride,
+                const void* pointer) {
+    if (index <= 16 && attribAccepted(size, type, stride, integer)) {
         ClientArray*& a = c->mAttribArrays[index];
         const GLuint vertexArray = c->mBindings.currentVertexArray;
         // With an array buffer bound the pointer is an offset into it, however large.
@@ -239,21 +245,33 @@ KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum t
             a->size = size;
             a->type = type;
             a->normalized = normalized;
+            a->integer = integer;
             a->stride = stride;
             a->pointer = pointer;
             a->vertexArray = vertexArray;
             a->copied = false;
         }
     }
-    kamRecord<glVertexAttribPointer_Bridge>(c, index, size, type, normalized, stride, pointer);
+    recordPointer(c, integer, index, size, type, normalized, stride, pointer);
 }
 
-// Integer attributes are tracked and replayed through glVertexAttribPointer,
-// so one record per index covers both.
+}  // namespace
+
+extern "C" {
+
+KAM_EXPORT void kam_glVertexAttribPointer_opt(GLuint index, GLint size, GLenum type, GLboolean normalized,
+                                              GLsizei stride, const void* pointer) {
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glVertexAttribPointer)(index, size, type, normalized, stride, pointer);
+    setPointer(c, index, size, type, normalized, false, stride, pointer);
+}
+
+// One record per index serves both kinds; it remembers which call set it.
 KAM_EXPORT void kam_glVertexAttribIPointer_opt(GLuint index, GLint size, GLenum type, GLsizei stride,
                                                const void* pointer) {
-    if (activeContext() == nullptr) return KAM_GL(glVertexAttribIPointer)(index, size, type, stride, pointer);
-    kam_glVertexAttribPointer_opt(index, size, type, GL_FALSE, stride, pointer);
+    KAMContext* c = activeContext();
+    if (c == nullptr) return KAM_GL(glVertexAttribIPointer)(index, size, type, stride, pointer);
+    setPointer(c, index, size, type, GL_FALSE, true, stride, pointer);
 }
 
 // A disabled attribute keeps its pointer: enabled again, it reads the same

@@ -421,13 +421,13 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
     const GLenum US = GL_UNSIGNED_SHORT, UI = GL_UNSIGNED_INT, UB = GL_UNSIGNED_BYTE;
     // Index type 0: glDrawArrays(first 2) of `vertices` vertices.
     const struct { GLint size; GLenum attribType; GLsizei stride; GLenum indexType; std::vector<uint32_t> indices; size_t vertices;
-                   bool restart = false, range = false; } cases[] = {
+                   bool restart = false, range = false, integer = false; } cases[] = {
         {3, GL_FLOAT, 20, US, {0, 2, 1}, 3}, {3, GL_FLOAT, 0, US, {0, 2, 1}, 3},
-        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true}, {2, UB, 7, UB, {4, 1}, 5},
+        {4, GL_FLOAT, 16, US, {0, 3}, 4, false, true}, {2, UB, 7, UB, {4, 1}, 5, false, false, true},
         {3, GL_HALF_FLOAT, 0, UI, {2, 1}, 3}, {4, GL_UNSIGNED_INT_2_10_10_10_REV, 0, UI, {1, 0}, 2},
         {2, GL_SHORT, 0, UI, {1, 0xFFFFFFFFu, 3, 0x80000000u}, 4}, {3, GL_FLOAT, 20, US, {0, 0, 0}, 1},
         {1, GL_FLOAT, 8, UI, {0, 1, 2, 3, 6}, 7}, {2, GL_FIXED, 12, US, {0, 2, 1}, 3},
-        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true}, {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true},
+        {3, GL_FLOAT, 0, US, {0, 2, 0xFFFF, 1, 3}, 4, true}, {2, GL_SHORT, 6, UB, {1, 0xFF, 2}, 3, true, false, true},
         {1, UB, 0, UB, {0xFF, 1}, 256}, {3, GL_FLOAT, 20, 0, {}, 3}, {2, GL_FIXED, 12, 0, {}, 3},
     };
     for (const auto& tc : cases) {
@@ -440,12 +440,14 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         std::vector<uint8_t> packed, idx = indexBytes(tc.indexType, tc.indices);
         for (size_t v = first; v < first + tc.vertices; ++v) packed.insert(packed.end(), data.data() + v * step, data.data() + v * step + elem);
         const std::vector<uint8_t> original = idx;
-        kam_glVertexAttribPointer_opt(2, tc.size, tc.attribType, GL_TRUE, tc.stride, data.data());
+        if (tc.integer) kam_glVertexAttribIPointer_opt(2, tc.size, tc.attribType, tc.stride, data.data());
+        else kam_glVertexAttribPointer_opt(2, tc.size, tc.attribType, GL_TRUE, tc.stride, data.data());
         // Calls the GL rejects leave the attribute as it was: nothing is copied by them.
         for (auto bad : {std::make_tuple(4, GL_FLOAT, -16), {0, GL_FLOAT, 0}, {5, GL_FLOAT, 0}, {INT_MAX, GL_BYTE, 0},
                          {4, 0x1234, 0}, {1, GL_UNSIGNED_INT_24_8, 0}, {3, GL_UNSIGNED_INT_2_10_10_10_REV, 0}})
             kam_glVertexAttribPointer_opt(2, std::get<0>(bad), std::get<1>(bad), GL_FALSE, std::get<2>(bad), Guarded(0).data());
         kam_glVertexAttribPointer_opt(17, 1, GL_FLOAT, GL_FALSE, 0, Guarded(0).data());  // past the last attribute
+        kam_glVertexAttribIPointer_opt(2, 4, GL_FLOAT, 0, Guarded(0).data());  // integer attributes take integer types only
         (tc.restart ? kam_glEnable_opt : kam_glDisable_opt)(GL_PRIMITIVE_RESTART_FIXED_INDEX);
         const GLsizei count = static_cast<GLsizei>(tc.indices.size());
         auto s = ctx.run([&] {
@@ -459,8 +461,11 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         EXPECT_EQ(s.waits, 0);
         ASSERT_EQ(s.after.size(), 2u);
         const std::vector<uint64_t>& attrib = s.after[0].args;
-        EXPECT_EQ(std::vector<uint64_t>(attrib.begin(), attrib.end() - 1), (std::vector<uint64_t>{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0}));
-        EXPECT_EQ(at(attrib[5] + first * elem, packed.size()), packed) << "vertex first where the pointer says";
+        EXPECT_EQ(s.after[0].name, tc.integer ? "glVertexAttribIPointer" : "glVertexAttribPointer");
+        std::vector<uint64_t> expected{2, fake::bits(tc.size), tc.attribType, GL_TRUE, 0};
+        if (tc.integer) expected.erase(expected.begin() + 3);
+        EXPECT_EQ(std::vector<uint64_t>(attrib.begin(), attrib.end() - 1), expected);
+        EXPECT_EQ(at(attrib.back() + first * elem, packed.size()), packed) << "vertex first where the pointer says";
         EXPECT_EQ(s.after[1].name, !tc.indexType ? "glDrawArrays" : tc.range ? "glDrawRangeElements" : "glDrawElements");
         if (tc.indexType) { EXPECT_EQ(at(s.after[1].args[tc.range ? 5 : 3], original.size()), original); }
         kam_glVertexAttribPointer_opt(2, 1, GL_FLOAT, GL_FALSE, 0, reinterpret_cast<void*>(64));

@@ -136,9 +136,11 @@ void fill(Vtx *v, int n, uint32_t seed) {
     }
 }
 
-// Mode 0: the vertex colour; 1: a 2D texture; 2: a layer of a 3D texture.
+// Mode 0: the vertex colour (from integer bytes where they are set, w not 0);
+// 1: a 2D texture; 2: a layer of a 3D texture.
 const char *kVs = "#version 300 es\nlayout(location = 0) in vec2 a_pos; layout(location = 1) in vec4 a_color; uniform vec4 u_rect;"
-                  "out vec2 v_uv; out vec4 v_color; void main() { v_uv = a_pos; v_color = a_color;"
+                  "layout(location = 2) in uvec4 a_bytes; out vec2 v_uv; out vec4 v_color; void main() { v_uv = a_pos;"
+                  "v_color = a_bytes.w == 0u ? a_color : vec4(a_bytes) / 255.0;"
                   "gl_Position = vec4(u_rect.xy + a_pos * u_rect.zw, 0.0, 1.0); }";
 const char *kFs = "#version 300 es\nprecision mediump float; precision mediump sampler3D; in vec2 v_uv; in vec4 v_color;"
                   "uniform int u_mode; uniform float u_layer; uniform sampler2D u_t2; uniform sampler3D u_t3; out vec4 o;"
@@ -173,7 +175,7 @@ bool create(Scene &s) {
     if (!(s.prog = link_program(kVs, kFs, "scene"))) return false;
     s.rect = glGetUniformLocation(s.prog, "u_rect"), s.mode = glGetUniformLocation(s.prog, "u_mode");
     s.layer = glGetUniformLocation(s.prog, "u_layer");
-    glUseProgram(s.prog), glUniform1i(glGetUniformLocation(s.prog, "u_t3"), 1);
+    glUseProgram(s.prog), glUniform1i(glGetUniformLocation(s.prog, "u_t3"), 1), glVertexAttribI4ui(2, 0, 0, 0, 0);
     // Colours, vertices, the square, and indices past 64 KiB, in one block.
     std::vector<uint8_t> data(kFar + 64);
     for (size_t i = 0; i < 512; ++i) data[i] = static_cast<uint8_t>(i % 4 == 3 ? 255 : mix(99, static_cast<uint32_t>(i)) >> 24);
@@ -263,13 +265,14 @@ void uploads(Scene &s, uint32_t f, Sum &) {
     glBindVertexArray(0);
 }
 
-// Draws from client memory ('c' colours from it too, 'b' from a buffer left
-// bound, 'k' a constant); vertices and indices are rewritten as each returns.
+// Draws from client memory ('c' colours from it too, 'i' as integers, 'b' from
+// a buffer left bound, 'k' a constant); vertices and indices are rewritten as each returns.
 struct ClientDraw { GLenum mode, index_type; int first, count; char colour; bool fixed, range, restart; };  // index type 0: glDrawArrays
 const ClientDraw kClientDraws[] = {
     {GL_TRIANGLES, GL_UNSIGNED_SHORT, 3, 18, 'c', false, false, false}, {GL_TRIANGLES, GL_UNSIGNED_INT, 24, 21, 'c', false, false, false},
     {GL_TRIANGLES, GL_UNSIGNED_SHORT, 48, 18, 'c', false, true, false}, {GL_TRIANGLES, 0, 66, 12, 'c', false, false, false},
     {GL_TRIANGLES, GL_UNSIGNED_SHORT, 78, 6, 'b', false, false, false}, {GL_TRIANGLES, 0, 84, 12, 'k', false, false, false},
+    {GL_TRIANGLES, GL_UNSIGNED_SHORT, 30, 12, 'i', false, false, false}, {GL_TRIANGLES, 0, 87, 9, 'i', false, false, false},
     {GL_TRIANGLES, 0, 1, 3, 'k', true, false, false},                   {GL_TRIANGLE_STRIP, GL_UNSIGNED_SHORT, 0, 7, 'k', true, false, true},
 };
 
@@ -279,10 +282,11 @@ void client_draws(Scene &s, uint32_t f, Sum &) {
     for (const ClientDraw &d : kClientDraws) {
         fill(v.data(), 96, mix(f, 0x700)), glBindBuffer(GL_ARRAY_BUFFER, 0), glEnableVertexAttribArray(0);
         glVertexAttribPointer(0, 2, d.fixed ? GL_FIXED : GL_FLOAT, GL_FALSE, sizeof(Vtx), d.fixed ? &v[0].fx : static_cast<void *>(&v[0].x));
+        if (d.colour == 'i') glVertexAttribIPointer(2, 4, GL_UNSIGNED_BYTE, sizeof(Vtx), v[0].rgba), glEnableVertexAttribArray(2);
         if (d.colour == 'b') glBindBuffer(GL_ARRAY_BUFFER, s.bufs[kColours]);
         glVertexAttribPointer(1, 4, GL_UNSIGNED_BYTE, GL_TRUE, d.colour == 'b' ? 0 : sizeof(Vtx),
                               d.colour == 'b' ? reinterpret_cast<void *>(static_cast<uintptr_t>(4 * (f % 8))) : v[0].rgba);
-        (d.colour == 'k' ? glDisableVertexAttribArray : glEnableVertexAttribArray)(1);
+        (d.colour == 'k' || d.colour == 'i' ? glDisableVertexAttribArray : glEnableVertexAttribArray)(1);
         glVertexAttrib4f(1, 0.25f, static_cast<float>(f % 4) / 3.0f, 0.75f, 1.0f);
         std::vector<GLuint> idx32(static_cast<size_t>(d.count));
         for (int i = 0; i < d.count; ++i) idx32[static_cast<size_t>(i)] = d.restart && i == 3 ? 0xFFFFFFFFu : static_cast<GLuint>(d.first + i);
@@ -292,7 +296,7 @@ void client_draws(Scene &s, uint32_t f, Sum &) {
         if (!d.index_type) glDrawArrays(d.mode, d.first, d.count);
         else if (d.range) glDrawRangeElements(d.mode, static_cast<GLuint>(d.first), static_cast<GLuint>(d.first + d.count - 1), d.count, d.index_type, idx);
         else glDrawElements(d.mode, d.count, d.index_type, idx);
-        glDisable(GL_PRIMITIVE_RESTART_FIXED_INDEX), std::memset(v.data(), 0x5A, v.size() * sizeof(Vtx));
+        glDisable(GL_PRIMITIVE_RESTART_FIXED_INDEX), glDisableVertexAttribArray(2), std::memset(v.data(), 0x5A, v.size() * sizeof(Vtx));
         std::fill(idx32.begin(), idx32.end(), 0xFFFFFFF0u), std::fill(idx16.begin(), idx16.end(), 0xEEEE);
     }
     glDisableVertexAttribArray(0), glDisableVertexAttribArray(1);
