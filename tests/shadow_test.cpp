@@ -437,9 +437,11 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
         const long long bytes = static_cast<long long>((first + tc.vertices - 1) * step + elem);
         Guarded data(bytes);
         for (long long i = 0; i < bytes; ++i) data.data()[i] = static_cast<uint8_t>(i * 3 + 1);
-        std::vector<uint8_t> packed, idx = indexBytes(tc.indexType, tc.indices);
+        std::vector<uint8_t> packed;
+        const std::vector<uint8_t> original = indexBytes(tc.indexType, tc.indices);
+        Guarded idx(static_cast<long long>(original.size()));  // an index copy ends where they do
+        std::copy(original.begin(), original.end(), idx.data());
         for (size_t v = first; v < first + tc.vertices; ++v) packed.insert(packed.end(), data.data() + v * step, data.data() + v * step + elem);
-        const std::vector<uint8_t> original = idx;
         if (tc.integer) kam_glVertexAttribIPointer_opt(2, tc.size, tc.attribType, tc.stride, data.data());
         else kam_glVertexAttribPointer_opt(2, tc.size, tc.attribType, GL_TRUE, tc.stride, data.data());
         // Calls the GL rejects leave the attribute as it was: nothing is copied by them.
@@ -456,7 +458,7 @@ TEST_F(ClientArrayTest, DrawsCopyTheReachableVertices) {
             if (tc.indexType && !tc.range) kam_glDrawElements_opt(GL_TRIANGLES, count, tc.indexType, idx.data());
             // The application reuses its memory as soon as the call returns.
             memset(data.data(), 0, size_t(bytes));
-            std::fill(idx.begin(), idx.end(), 0);
+            std::fill(idx.data(), idx.data() + original.size(), 0);
         });
         EXPECT_EQ(s.waits, 0);
         ASSERT_EQ(s.after.size(), 2u);
@@ -575,6 +577,8 @@ TEST_F(PixelTest, UploadsCopyWhatTheGlReads) {
         {"half float", 2, 2, 1, GL_RGBA, GL_HALF_FLOAT, {}, 32, 32},
         {"unsized type", 3, 2, 1, GL_RGBA, k8888Rev, {}, 0, 0},
         {"depth GL_INT is unsized", 3, 2, 1, GL_DEPTH_COMPONENT, GL_INT, {}, 0, 0},
+        {"desktop GL_2_BYTES is unsized", 3, 2, 1, GL_RGBA, 0x1407, {}, 0, 0},
+        {"depth GL_2_BYTES is unsized", 3, 2, 1, GL_DEPTH_COMPONENT, 0x1407, {}, 0, 0},
         {"unknown format", 4, 4, 1, 0x1234, GL_UNSIGNED_BYTE, {}, 0, 0},
         {"compressed format", 4, 4, 1, kEtc2, GL_UNSIGNED_BYTE, {}, 0, 0},
         {"zero width", 0, 4, 1, GL_RGBA, GL_UNSIGNED_BYTE, {}, 0, 0},
