@@ -242,6 +242,19 @@ void loadExtensions(ContextRec* r) {
     const GLubyte* ext = getString(GL_EXTENSIONS);
     r->extensions = ext ? reinterpret_cast<const char*>(ext) : "";
     r->extensionList.clear();
+    // The indexed list in the driver's own order: Mesa sorts the string by
+    // the extensions' age, glGetStringi goes by name. Version 2 contexts have
+    // no indexed list, and the query would leave an error.
+    if (r->clientVersion >= 3) {
+        GLint n = 0;
+        driverGl<kam_pfn_glGetIntegerv>(android::kGl_glGetIntegerv)(GL_NUM_EXTENSIONS, &n);
+        auto getStringi = driverGl<kam_pfn_glGetStringi>(android::kGl_glGetStringi);
+        for (GLint i = 0; i < n; ++i)
+            if (const GLubyte* name = getStringi(GL_EXTENSIONS, static_cast<GLuint>(i)))
+                r->extensionList.push_back(reinterpret_cast<const char*>(name));
+        r->extensionsLoaded = true;
+        return;
+    }
     size_t pos = 0;
     while (pos < r->extensions.size()) {
         size_t space = r->extensions.find(' ', pos);

@@ -352,8 +352,16 @@ void elements(Scene &s, uint32_t f, Sum &) {
     std::memset(idx, 0xFF, sizeof idx), glDisableVertexAttribArray(0), glDisableVertexAttribArray(1);
 }
 
+// Extension names: the platform's record of the context answers them.
+void strings(Scene &, uint32_t, Sum &sum) {
+    GLint n = 0;
+    glGetIntegerv(GL_NUM_EXTENSIONS, &n), sum.value(static_cast<uint32_t>(n));
+    for (GLint i = 0; i < n; ++i)
+        if (const char *e = reinterpret_cast<const char *>(glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)))) sum.bytes(e, std::strlen(e) + 1);
+}
+
 struct Row { const char *name; void (*run)(Scene &, uint32_t, Sum &); };
-const Row kRows[] = {{"uploads", uploads}, {"client-draws", client_draws}, {"maps", maps}, {"elements", elements}};
+const Row kRows[] = {{"uploads", uploads}, {"client-draws", client_draws}, {"maps", maps}, {"elements", elements}, {"strings", strings}};
 
 struct Options { bool lifecycle = false; long frames = 300, size = 64, toggle_every = 0; std::vector<const Row *> rows; };
 
@@ -432,6 +440,7 @@ void after_destroyed(EGLContext &c, EGLSurface &s) {
 
 // Renders for a while on a thread or context the layer must leave alone.
 void never_offloaded(EGLContext &, EGLSurface &s) {
+    if (eglGetCurrentSurface(EGL_READ) != s) return void(fail("eglGetCurrentSurface(EGL_READ) is not the surface made current"));
     for (const double t0 = now(); gOffloaded && now() - t0 < 4.5 && frames(s, 1);)
         if (offloaded()) return void(fail("the thread was offloaded"));
 }
