@@ -252,15 +252,14 @@ void loadExtensions(ContextRec* r) {
         for (GLint i = 0; i < n; ++i)
             if (const GLubyte* name = getStringi(GL_EXTENSIONS, static_cast<GLuint>(i)))
                 r->extensionList.push_back(reinterpret_cast<const char*>(name));
-        r->extensionsLoaded = true;
-        return;
-    }
-    size_t pos = 0;
-    while (pos < r->extensions.size()) {
-        size_t space = r->extensions.find(' ', pos);
-        if (space == std::string::npos) space = r->extensions.size();
-        if (space > pos) r->extensionList.push_back(r->extensions.substr(pos, space - pos));
-        pos = space + 1;
+    } else {
+        size_t pos = 0;
+        while (pos < r->extensions.size()) {
+            size_t space = r->extensions.find(' ', pos);
+            if (space == std::string::npos) space = r->extensions.size();
+            if (space > pos) r->extensionList.push_back(r->extensions.substr(pos, space - pos));
+            pos = space + 1;
+        }
     }
     r->extensionsLoaded = true;
 }
