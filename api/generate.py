@@ -429,7 +429,10 @@ def gen_egl_wrappers(egl):
             if kind == "pass":
                 out += [head, "    return %s;" % call, "}", ""]
                 continue
-            out += [head, "    KAMContext* c = activeContext();",
+            # An asynchronous post is a heap item that touches nothing of the
+            # frame, so it need not wait for the last boundary's task.
+            lookup = "activeContextInFlight" if kind == "async" else "activeContext"
+            out += [head, "    KAMContext* c = %s();" % lookup,
                     "    if (c == nullptr) return %s;" % call]
             if kind == "sync":
                 ret = "" if e.void else "return "

@@ -64,6 +64,7 @@ struct Options {
     int height = 240;
     int lp_threads = -1;  // -1: not given, the number of CPUs
     double offload_timeout_s = 30;
+    bool logic_first = false;
     bool csv = false;
     bool csv_header = true;
     std::string modes = "direct,kam,glthread";
@@ -78,6 +79,8 @@ void usage(FILE *out) {
                  "  --work-us U        game-logic CPU work per frame in microseconds (default 0)\n"
                  "  --work-ratio R     instead: R times the direct mode's app-thread time per frame at no work\n"
                  "                     (measured by an extra direct run first)\n"
+                 "  --logic-first      all game logic before the frame's first GL call (update, then render)\n"
+                 "                     instead of in eight slices between the draws\n"
                  "  --frames F         measured frames per run (default 200)\n"
                  "  --warmup W         full frames before measuring (default 30; kam first runs light frames until\n"
                  "                     offload is active)\n"
@@ -124,6 +127,8 @@ int parse_args(int argc, char **argv, Options *o) {
         if (arg == "--help" || arg == "-h") {
             usage(stdout);
             return 1;
+        } else if (arg == "--logic-first") {
+            o->logic_first = true;
         } else if (arg == "--csv") {
             o->csv = true;
         } else if (arg == "--no-header") {
@@ -223,15 +228,16 @@ int run_child(const Options &o) {
     long frame = 0;
     bool ok = true;
     // Where the application thread's time goes, summed over the measured
-    // frames: game logic, GL calls (recording, through the layer), and the
-    // swap (through the layer: waiting for the worker to finish the frame).
+    // frames: game logic, GL calls (through the layer: recording, and at the
+    // frame's first call waiting until the worker has finished the frame
+    // before), and the swap (through the layer: queueing it).
     FrameLogic logic;
     double gl_s = 0, swap_s = 0;
     bool measuring = false;
     auto one_frame = [&](long index, long draws, uint64_t iters) {
         const double t0 = clock_seconds(CLOCK_MONOTONIC);
         const double logic0 = logic.seconds;
-        render_frame(&scene, index, draws, o.width, o.height, iters, measuring ? &logic : nullptr);
+        render_frame(&scene, index, draws, o.width, o.height, iters, measuring ? &logic : nullptr, o.logic_first);
         const double t1 = clock_seconds(CLOCK_MONOTONIC);
         if (!eglSwapBuffers(plat.dpy, plat.surf)) {
             egl_fail("eglSwapBuffers");
@@ -363,6 +369,7 @@ Result run_mode(const Options &o, const std::string &mode, long work_iters, long
                              std::to_string(o.warmup), "--size",
                              std::to_string(o.width) + "x" + std::to_string(o.height), "--offload-timeout",
                              std::to_string(o.offload_timeout_s)});
+    if (o.logic_first) args.push_back("--logic-first");
 
     std::vector<std::string> env;
     for (char **e = environ; *e; ++e) {
@@ -486,6 +493,7 @@ int run_parent(Options o) {
     if (!o.csv) {
         std::printf("kam_frame_bench: %ld draws/frame, %ld us game logic/frame", o.draws, work_us);
         if (o.work_ratio >= 0) std::printf(" (%.2f x direct driver time %.3f ms)", o.work_ratio, direct_driver_ms);
+        if (o.logic_first) std::printf(" before the first GL call");
         std::printf(", %dx%d, %ld frames after %ld warm-up, %ld rounds, LP_NUM_THREADS=%d\n", o.width, o.height,
                     o.frames, o.warmup, o.rounds, o.lp_threads);
         std::fflush(stdout);

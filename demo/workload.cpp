@@ -211,7 +211,24 @@ void destroy_scene(Scene *s) {
     *s = Scene{};
 }
 
-void render_frame(Scene *s, long frame, long draws, int width, int height, uint64_t work_iters, FrameLogic *logic) {
+void render_frame(Scene *s, long frame, long draws, int width, int height, uint64_t work_iters, FrameLogic *logic,
+                  bool logic_first) {
+    // Game logic runs in slices between batches of draws, as in an engine
+    // that interleaves simulation and submission on one thread, or all of it
+    // before the first GL call, as in one that updates, then renders.
+    constexpr long kSlices = 8;
+    long next_slice = 0;
+    auto run_slices_until = [&](long upto) {
+        for (; next_slice < upto; ++next_slice) {
+            uint64_t n = work_iters / kSlices + (static_cast<uint64_t>(next_slice) < work_iters % kSlices ? 1 : 0);
+            if (!n) continue;
+            const double t0 = logic ? clock_seconds(CLOCK_MONOTONIC) : 0;
+            busy_work(n, static_cast<uint64_t>(frame * kSlices + next_slice));
+            if (logic) logic->seconds += clock_seconds(CLOCK_MONOTONIC) - t0;
+        }
+    };
+    if (logic_first) run_slices_until(kSlices);
+
     glViewport(0, 0, width, height);
     glClearColor(0.1f, 0.12f, 0.18f, 1.0f);
     glClearDepthf(1.0f);
@@ -237,20 +254,6 @@ void render_frame(Scene *s, long frame, long draws, int width, int height, uint6
     if (cols < 1) cols = 1;
     const long rows = (draws + cols - 1) / cols;
     const float cw = 2.0f / static_cast<float>(cols), ch = 2.0f / static_cast<float>(rows);
-
-    // Game logic runs in slices between batches of draws, as in an engine
-    // that interleaves simulation and submission on one thread.
-    constexpr long kSlices = 8;
-    long next_slice = 0;
-    auto run_slices_until = [&](long upto) {
-        for (; next_slice < upto; ++next_slice) {
-            uint64_t n = work_iters / kSlices + (static_cast<uint64_t>(next_slice) < work_iters % kSlices ? 1 : 0);
-            if (!n) continue;
-            const double t0 = logic ? clock_seconds(CLOCK_MONOTONIC) : 0;
-            busy_work(n, static_cast<uint64_t>(frame * kSlices + next_slice));
-            if (logic) logic->seconds += clock_seconds(CLOCK_MONOTONIC) - t0;
-        }
-    };
 
     int cur_prog = -1, cur_tex = 0, cur_vao = -1;
     bool blend = false, depth = false;

@@ -45,7 +45,7 @@ struct FrameLogic {
 };
 
 void render_frame(Scene *s, long frame, long draws, int width, int height, uint64_t work_iters,
-                  FrameLogic *logic = nullptr);
+                  FrameLogic *logic = nullptr, bool logic_first = false);
 
 // Renders the fixed check frame and returns a checksum of its pixels (read
 // back before the swap, which the caller then does); the pixels go to *px.

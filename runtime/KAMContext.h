@@ -6,6 +6,7 @@
 #include <EGL/eglext.h>
 
 #include <cstdint>
+#include <future>
 
 #include <utils/RefBase.h>
 
@@ -58,6 +59,11 @@ public:
     // GL_PRIMITIVE_RESTART_FIXED_INDEX as the application last set it.
     bool mPrimitiveRestart = false;
     uint32_t mFrameCount = 0;
+    // The last frame boundary's task and what is left to do once it ran.
+    std::packaged_task<void()> mFrameTask;
+    std::future<void> mFrameDone;
+    bool mFrameStatsDue = false;
+    int32_t mFrameSize = 0;
 };
 
 }  // namespace android

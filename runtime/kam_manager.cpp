@@ -57,6 +57,7 @@ void KAMManager::initMTR(std::string name, bool debuggable, std::string args) {
 }
 
 bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
+    threadRecord();
     if (!eglContext || !mEnabled) return true;
     PlatformContextRecord* record = contextRecord(eglContext);
     sp<KAMThreadLocal> tls = __tls;
@@ -112,6 +113,7 @@ bool KAMManager::makeCurrentPre(void* eglContext, void* drawSurface) {
 }
 
 void KAMManager::makeCurrentPost(void* eglContext) {
+    threadRecord();
     if (eglContext || !mEnabled) return;
     sp<KAMThreadLocal> tls = __tls;
     if (tls == nullptr || tls->mContext == nullptr) return;
@@ -188,6 +190,7 @@ void KAMManager::onContextReleased(KAMContext* ctx) {
         tls->mEglContext = nullptr;
         tls->mContext = nullptr;
         tls->mActiveContext = nullptr;
+        if (tls->mFrameInFlight == ctx) tls->mFrameInFlight = nullptr;
         KAM_LOGE("Releasing a EGLContext %p which is attached to [<%s>,%d], may be a fatal error.", ctx->mEglContext,
                  tls->mName.c_str(), tls->mTid);
     }
@@ -206,10 +209,14 @@ void KAMManager::updateMTR(int flags) {
     KAM_LOGD("updateMTR %s flags=0x%X", mName.c_str(), flags);
 }
 
+// The boundary queues its task and returns: the thread waits for it in
+// finishFrame, when it next reaches the context's frame state.
 void KAMManager::swapBuffers() {
     if (!mEnabled) return;
     sp<KAMThreadLocal> tls = __tls;
-    if (tls == nullptr || tls->mContext == nullptr) return;
+    if (tls == nullptr) return;
+    threadRecord();
+    if (tls->mContext == nullptr) return;
     sp<KAMContext> ctx = tls->mContext;
     if (mNeedMTR.load(std::memory_order_acquire))
         startMTR(ctx.get(), tls);
@@ -223,17 +230,24 @@ void KAMManager::swapBuffers() {
         ctx->mFrameFence = EGL_NO_SYNC_KHR;
     }
     KAMContext* k = ctx.get();
-    k->mWorker->postSync(
-        [k] {
-            k->mFrameFence = KAM_EGL(eglCreateSyncKHR)(k->mDisplay, EGL_SYNC_FENCE_KHR, nullptr);
-            k->swapBuffer();
-        },
-        "swapBuffers");
-    if (k->mFps.update()) {
-        k->mBindings.trimMemory(k->mFrameCount);
-        KAM_LOGD("%s fps=%d frame=%d memory=%d size=%d", mName.c_str(), k->mFps.getFps(), k->mFrameCount,
-                 k->mMemory.mLastUsed, size);
-    }
+    k->mFrameTask = std::packaged_task<void()>([k] {
+        k->mFrameFence = KAM_EGL(eglCreateSyncKHR)(k->mDisplay, EGL_SYNC_FENCE_KHR, nullptr);
+        k->swapBuffer();
+    });
+    k->mFrameDone = k->mWorker->postTask(&k->mFrameTask, "swapBuffers");
+    tls->mFrameInFlight = k;
+    k->mFrameStatsDue = k->mFps.update();
+    k->mFrameSize = size;
+}
+
+void finishFrame(KAMThreadLocal* t) {
+    KAMContext* k = t->mFrameInFlight;
+    t->mFrameInFlight = nullptr;
+    KAMWorker::await(k->mFrameDone);
+    if (!k->mFrameStatsDue) return;
+    k->mBindings.trimMemory(k->mFrameCount);
+    KAM_LOGD("%s fps=%d frame=%d memory=%d size=%d", KAMManager::INSTANCE->mName.c_str(), k->mFps.getFps(),
+             k->mFrameCount, k->mMemory.mLastUsed, k->mFrameSize);
 }
 
 }  // namespace android

@@ -138,10 +138,12 @@ protected:
         fake::setHandler("eglDestroySyncKHR", [](const fake::Call&) -> uint64_t { return EGL_TRUE; });
     }
 
-    // One frame boundary, stepMs after the previous one.
+    // One frame boundary, stepMs after the previous one, and the wait for it
+    // that the thread's next call would do.
     void frame(uint32_t stepMs = 100) {
         gNowMs += stepMs;
         manager->swapBuffers();
+        android::threadRecord();
     }
     // One measuring period at a whole rate, closing a second after the last.
     void period(int fps) {
@@ -452,17 +454,30 @@ TEST_F(ManagerTest, NoPlaceholderOrArenaKeepsOffloadOff) {
 // frame's fence goes on the app thread before the worker makes the new one;
 // the frame's state is reset on the worker. A fence the application took is
 // its own to destroy.
-TEST_F(ManagerTest, BoundaryWaitsForTheFrameAndLeavesOneFence) {
+TEST_F(ManagerTest, BoundaryHandsTheFrameOverAndLeavesOneFence) {
     App app;
     onThread("app-render", [&] {
         KAMContext* k = activate(app);
         ASSERT_EQ(k->mActive, 1);
         ASSERT_EQ(k->mFrameFence, reinterpret_cast<EGLSyncKHR>(kFenceBase + 1));
         fake::reset();
+        // The worker is held in the frame's last command until the thread is
+        // back from the boundary: a boundary that waited for the frame would
+        // only get back when the hold gives up.
+        std::promise<void> back;
+        bool heldUntilBack = false;
+        fake::setHandler("glActiveTexture", [&, f = back.get_future().share()](const fake::Call& c) -> uint64_t {
+            if (c.args[0] == 0x84C1) heldUntilBack = f.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+            return 0;
+        });
         kam_glActiveTexture_opt(0x84C0);
         kam_glActiveTexture_opt(0x84C1);
         EXPECT_GT(k->mMemory.mCursor, k->mMemory.mFrameStart);
-        frame();
+        gNowMs += 100;
+        manager->swapBuffers();
+        back.set_value();
+        android::threadRecord();
+        EXPECT_TRUE(heldUntilBack);
         EXPECT_EQ(trace({"glActiveTexture", "eglCreateSyncKHR"}),
                   "worker:glActiveTexture(84c0) worker:glActiveTexture(84c1) worker:eglCreateSyncKHR(D,30f9,0)");
         EXPECT_EQ(trace({"eglDestroySyncKHR", "eglCreateSyncKHR"}), "app:eglDestroySyncKHR(D,fe01) worker:eglCreateSyncKHR(D,30f9,0)");

@@ -85,6 +85,20 @@ public:
         return postSyncErased(Thunk<R>{[](void* p) -> R { return (*static_cast<Fn*>(p))(); }, &f}, name);
     }
 
+    // postSync in two halves, for the frame boundary: the task is queued now
+    // and awaited later (await) by the same thread, which may go on meanwhile
+    // with anything that does not touch what the task changes. The task must
+    // stay where it is until then.
+    std::future<void> postTask(std::packaged_task<void()>* task, const char* name) {
+        std::future<void> done = task->get_future();
+        post(new WorkItem(name, [task] { (*task)(); }), true);
+        return done;
+    }
+    static void await(std::future<void>& done) {
+        spin([&] { return done.wait_for(std::chrono::seconds::zero()) == std::future_status::ready; });
+        done.get();
+    }
+
     // Runs the final synchronous item (on the worker), asks the loop to end,
     // wakes it, joins, and waits until the thread has dropped its own
     // reference. Returns join()'s status.
