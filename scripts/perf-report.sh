@@ -355,16 +355,16 @@ breakdown_dat "$perf/frame_bench_work1.txt" >"$tmp/breakdown-lp.dat"
 breakdown_dat "$perf/frame_bench_lp0.txt" >"$tmp/breakdown-lp0.dat"
 breakdown_dat "$perf/frame_bench_first.txt" >"$tmp/breakdown-first.dat"
 {
-  echo "set terminal pngcairo size 1900,480 font ',10' noenhanced"
+  echo "set terminal pngcairo size 1500,560 font ',10' noenhanced"
   echo "set output '$perf/frame_breakdown.png'"
   echo "set multiplot layout 1,3 title 'Where a frame goes, ms per frame (2000 draws, game logic = direct driver time)'"
   echo "set style data histograms; set style histogram rowstacked; set style fill solid 0.8 border -1; set boxwidth 0.7"
-  echo "set grid y; set key outside right top vertical; set ylabel 'ms per frame'; set yrange [0:*]; set bmargin 4"
+  echo "set grid y; set key inside top right vertical; set ylabel 'ms per frame'; set yrange [0:*]; set offsets 0,0,graph 0.45,0; set bmargin 4"
   for cfg in "lp:LP_NUM_THREADS=$lp_threads" "first:LP_NUM_THREADS=$lp_threads, logic before the first GL call" \
     "lp0:LP_NUM_THREADS=0 (single-threaded driver)"; do
     echo "set title '${cfg#*:}'"
     f="$tmp/breakdown-${cfg%%:*}.dat"
-    echo "plot '$f' using 2:xtic(1) title 'game logic', '' using 3 title 'GL calls (libKAM: recording, waiting for the frame before)', \\"
+    echo "plot '$f' using 2:xtic(1) title 'game logic', '' using 3 title 'GL calls (libKAM: also waiting for the frame before)', \\"
     echo "     '' using 4 title 'swap (waiting)', '' using 5 title 'worker: replaying', '' using 6 title 'worker: idle'"
   done
   echo "unset multiplot"
