@@ -292,12 +292,12 @@ trap 'rm -rf "$tmp"' EXIT
 if [[ -n "${KAM_PERF_QUICK:-}" ]]; then
   main_frames=60 main_rounds=1
   sweep_draws=(100 2000 10000) sweep_ratios=(0 1) sweep_rounds=1
-  glmark_duration=1
+  glmark_duration=1 glmark_rounds=1
   micro_reps=1
 else
   main_frames=200 main_rounds=3
   sweep_draws=(100 500 2000 5000 10000 20000) sweep_ratios=(0 0.5 1) sweep_rounds=2
-  glmark_duration=2
+  glmark_duration=2 glmark_rounds=3
   micro_reps=5
 fi
 # Frames per sweep point: enough for a stable median, few enough that the
@@ -441,24 +441,39 @@ glmark() {  # output-prefix [kam-run args]; the layer's log goes to its own file
   LP_NUM_THREADS=$lp_threads "$@" glmark2-es2 --reuse-context -s 320x240 -f "$tmp/glmark2.list" \
     >"$tmp/$out.txt" 2>"$tmp/$out.log" || echo "glmark2 ($out) failed: $(tail -3 "$tmp/$out.log")" >&2
 }
-glmark direct
-glmark kam "$kam_run" --verbose
-# The same with the layer's client vertex-array emulation on (first token of
-# its argument string): without it a draw from client memory is synchronous.
-glmark kamca "$kam_run" --verbose --args 1
+# Rounds alternate the three runs, and each scene's figure is the median
+# over the rounds: a single run of a scene moves by a third between runs here.
+for r in $(seq "$glmark_rounds"); do
+  glmark "direct$r"
+  glmark "kam$r" "$kam_run" --verbose
+  # The same with the layer's client vertex-array emulation on (first token
+  # of its argument string): without it a draw from client memory is
+  # synchronous.
+  glmark "kamca$r" "$kam_run" --verbose --args 1
+done
 fps_of() {
   sed -n 's/^\[\([^]]*\)\] \(.*\): FPS: \([0-9]*\).*/\1:\2,\3/p' "$1" | sed -E 's/duration=[0-9.]+:?//; s/:,/,/'
 }
-fps_of "$tmp/direct.txt" >"$tmp/direct.fps"
-fps_of "$tmp/kam.txt" >"$tmp/kam.fps"
-fps_of "$tmp/kamca.txt" >"$tmp/kamca.fps"
-# The worker started once (during the 6-second first scene: the meter needs
-# three seconds) and never stopped.
-glmark_offload=no
-if [[ $(grep -c "KAMWorker started -> " "$tmp/kam.log") == 1 && $(grep -c "KAMWorker started -> " "$tmp/kamca.log") == 1 ]] \
-   && ! grep -q "is stopped" "$tmp/kam.log" "$tmp/kamca.log"; then
-  glmark_offload=yes
-fi
+# The worker started once in every run through the layer (during the
+# 6-second first scene: the meter needs three seconds) and never stopped.
+glmark_offload=yes
+for m in direct kam kamca; do
+  for r in $(seq "$glmark_rounds"); do
+    fps_of "$tmp/$m$r.txt" >"$tmp/$m$r.fps"
+    if [[ $m != direct ]] && { [[ $(grep -c "KAMWorker started -> " "$tmp/$m$r.log") != 1 ]] ||
+                               grep -q "is stopped" "$tmp/$m$r.log"; }; then
+      glmark_offload=no
+    fi
+  done
+  python3 - "$tmp/$m.fps" "$tmp/$m"[0-9]*.fps <<'PY'
+import statistics, sys
+runs = [[l.rstrip("\n").rsplit(",", 1) for l in open(p)] for p in sys.argv[2:]]
+with open(sys.argv[1], "w") as out:
+    for rows in zip(*runs):
+        if len({scene for scene, _ in rows}) == 1:
+            out.write(f"{rows[0][0]},{statistics.median(int(fps) for _, fps in rows):.0f}\n")
+PY
+done
 numbered() { tail -n +2 "$1" | nl -s, -w3 -n rz; }
 {
   echo "scene,direct_fps,kam_fps,kam_over_direct,kam_client_arrays_fps,kam_client_arrays_over_direct"
