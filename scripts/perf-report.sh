@@ -11,7 +11,7 @@
 #
 # KAM_PERF_QUICK=1 runs a much shorter version (to check the pipeline; the
 # numbers are then rough); KAM_PERF_DOC_ONLY=1 only regenerates the page
-# from docs/perf/ (after editing the template). Takes about 15 minutes on a
+# from docs/perf/ (after editing the template). Takes about 20 minutes on a
 # 2-core machine.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
