@@ -129,7 +129,7 @@ for d in (500, 2000, 10000):
         continue
     kd = float(p["kam"]["fps"]) / float(p["direct"]["fps"])
     kg = float(p["kam"]["fps"]) / float(p["glthread"]["fps"])
-    goals.append(f"| balanced load, {d} draws: >= 1.5x direct and >= 1.15x mesa_glthread | x{kd:.2f} direct, x{kg:.2f} glthread | "
+    goals.append(f"| balanced load, {d} draws: >= 1.5x direct and >= 1.15x mesa_glthread | x{kd:.3f} direct, x{kg:.3f} glthread | "
                  f"{verdict(kd >= 1.5 and kg >= 1.15)} |")
 # Efficiency at the balanced point (2000 draws), all three modes.
 effs = {m: float(w1[m]["efficiency"]) for m in ("direct", "kam", "glthread") if m in w1 and "efficiency" in w1[m]}
