@@ -94,9 +94,12 @@ public:
         post(new WorkItem(name, [task] { (*task)(); }), true);
         return done;
     }
-    static void await(std::future<void>& done) {
+    // A ready state seen here spares both threads the futex: the worker
+    // only wakes a caller that has gone to sleep in get().
+    template <class R>
+    static R await(std::future<R>& done) {
         spin([&] { return done.wait_for(std::chrono::seconds::zero()) == std::future_status::ready; });
-        done.get();
+        return done.get();
     }
 
     // Runs the final synchronous item (on the worker), asks the loop to end,
@@ -173,10 +176,7 @@ private:
         std::packaged_task<R()> task(thunk);
         std::future<R> done = task.get_future();
         post(new WorkItem(name, [t = &task] { (*t)(); }), true);
-        // A ready state seen here spares both threads the futex: the worker
-        // only wakes a caller that has gone to sleep in get().
-        spin([&] { return done.wait_for(std::chrono::seconds::zero()) == std::future_status::ready; });
-        return done.get();
+        return await(done);
     }
 
     // Polls ready() for up to kSpinNs; true as soon as it holds. It looks
